@@ -1,0 +1,72 @@
+// base.h -- the bottom layer every other module stands on.
+//
+// It owns: the allocation routine and its out-of-memory report, the warning / fatal /
+// log reports, roundUp and NO_TIME, the pause routine every sleep of the product goes
+// through (and the clock next to it), and the normal exit path with its registered
+// clean-ups. Results follow the core's rule: 0 success, small negatives our own
+// failures, positive errno passed up.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+namespace quorvel {
+
+/* ---- Shared values ------------------------------------------------------------ */
+
+// The no-time value of every time field, file time and change count. It never equals
+// a real time; callers test for it explicitly.
+inline constexpr int32_t NO_TIME = INT32_MIN;  // 0x80000000
+
+// n rounded up to a multiple of m; an exact multiple is left unchanged.
+constexpr long roundUp(long n, long m) { return n % m == 0 ? n : n + m - n % m; }
+
+/* ---- Allocation --------------------------------------------------------------- */
+
+// Reallocates `old` to `size` bytes when given a block, allocates afresh otherwise.
+// Returns null on failure; callers that test the result call outOfMem.
+void *allocMem(void *old, size_t size);
+void freeMem(void *block);
+
+// Prints "OutOfMem: called from <caller>()" and leaves through the exit path.
+[[noreturn]] void outOfMem(const char *caller);
+
+/* ---- Reports ------------------------------------------------------------------ */
+
+// Each prints one diagnostic on standard error, formatted printf-style; a line end is
+// added when the text has none. fatal then leaves through the exit path with status 1.
+void warning(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+[[noreturn]] void fatal(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void logMsg(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// The number of warnings and fatal reports made so far (tests read it).
+int reportCount();
+
+/* ---- Pause and clock ---------------------------------------------------------- */
+
+// Sleeps n whole seconds (restarting after signals). Every sleep of the product comes
+// through here, so that a test can install a fake that records the seconds and returns.
+void pauseSeconds(unsigned seconds);
+
+using PauseHook = void (*)(unsigned seconds);
+PauseHook setPauseHook(PauseHook hook);  // returns the previous hook; null = real sleep
+
+// The current time in seconds, from time() unless a test has installed a clock.
+time_t currentTime();
+using ClockHook = time_t (*)();
+ClockHook setClockHook(ClockHook hook);
+
+/* ---- Exit path ---------------------------------------------------------------- */
+
+// Clean-ups run in reverse order of registration when the process leaves through
+// exitProcess (fatal errors and the signal handlers included). A clean-up may itself
+// report; a second exitProcess from inside a clean-up exits at once.
+using Cleanup = void (*)();
+void registerCleanup(Cleanup fn);
+[[noreturn]] void exitProcess(int status);
+
+// Forget every hook and clean-up (tests).
+void resetBase();
+
+}  // namespace quorvel

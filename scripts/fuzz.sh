@@ -1,0 +1,31 @@
+#!/bin/bash
+# fuzz.sh [seconds] -- builds the libFuzzer targets with clang, replays every seed corpus
+# (a regression test: any crash fails), then fuzzes each target for the given seconds
+# (default 60; 0 replays only). New inputs go to a scratch copy, not the repository.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+secs="${1:-60}"
+bash scripts/setup.sh
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DQV_FUZZ=ON -DQV_TESTS=OFF \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+ninja -C build-fuzz
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+status=0
+for bin in build-fuzz/fuzz/*_fuzz; do
+  [ -x "$bin" ] || continue
+  name=$(basename "$bin" _fuzz)
+  corpus="fuzz/corpus/$name"
+  echo "== $name: replaying $corpus"
+  "$bin" -runs=0 "$corpus" >"build-fuzz/$name.replay.log" 2>&1 \
+    || { echo "replay of $name failed"; tail -40 "build-fuzz/$name.replay.log"; status=1; continue; }
+  if [ "$secs" != 0 ]; then
+    work="build-fuzz/work-$name"
+    rm -rf "$work"; mkdir -p "$work"
+    echo "== $name: fuzzing ${secs}s"
+    "$bin" -max_total_time="$secs" -timeout=10 -rss_limit_mb=2048 -artifact_prefix="build-fuzz/$name-" \
+      "$work" "$corpus" >"build-fuzz/$name.fuzz.log" 2>&1 \
+      || { echo "fuzzing $name found a failure"; tail -60 "build-fuzz/$name.fuzz.log"; status=1; }
+  fi
+done
+exit $status
