@@ -57,6 +57,13 @@ time_t currentTime();
 using ClockHook = time_t (*)();
 ClockHook setClockHook(ClockHook hook);
 
+/* ---- Installation root ------------------------------------------------------ */
+
+// The installation root holding "db/": the value of QUORVELPATH, or null when unset or
+// empty. Read once and kept; the database layout and the catalogue both resolve their
+// relative paths against it. resetBase makes the next call read the environment again.
+const char *installRoot();
+
 /* ---- Exit path ---------------------------------------------------------------- */
 
 // Clean-ups run in reverse order of registration when the process leaves through

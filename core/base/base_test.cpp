@@ -79,3 +79,14 @@ TEST(Reports, WarningAddsOneLineEndAndCounts) {
             "Not MY lockfile! /x\ntouchfile: cannot chmod /y (errno=13)\n");
   EXPECT_EQ(reportCount(), 2);
 }
+
+TEST(InstallRoot, ReadsQuorvelPathOnceUntilReset) {
+  setenv("QUORVELPATH", "/opt/qv", 1);
+  resetBase();
+  EXPECT_STREQ(installRoot(), "/opt/qv");
+  setenv("QUORVELPATH", "", 1);
+  EXPECT_STREQ(installRoot(), "/opt/qv");  // kept for the life of the process
+  resetBase();
+  EXPECT_EQ(installRoot(), nullptr);       // empty counts as unset
+  unsetenv("QUORVELPATH");
+}

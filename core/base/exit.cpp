@@ -9,6 +9,7 @@
 namespace quorvel {
 
 void resetReports();  // report.cpp
+void resetRoot();     // root.cpp
 
 static std::vector<Cleanup> cleanups;  // registered by the modules that hold resources
 static bool exiting;                   // set once the exit path has begun
@@ -38,6 +39,7 @@ void resetBase() {
   setPauseHook(nullptr);
   setClockHook(nullptr);
   resetReports();
+  resetRoot();
 }
 
 }  // namespace quorvel
