@@ -1,0 +1,101 @@
+// itemcodec.h -- calendar items on the server wire.
+//
+// An item travels as a run of tagged fields (see buf.h) in a fixed order, closed by the
+// end field "z":
+//
+//   J|j text  database name (only when present and not empty; "j" when dbFlag is set)
+//   D short, U short, T text
+//   f text (owner's calendar name) when the peer is 1.3 or later and the message is
+//          extended, else O number (owner's calendar number)
+//   W set, then the start/end time value (two date-times, untagged)
+//   Y N S R C X M   one set each
+//   per popup:      p text, m number, m number, b set, and (peer x.2+) a second b set
+//   per listB entry: a number (user), q number (frequency), the start date-time
+//                    (untagged), s text
+//   value8          one date-time, untagged
+//   per listC entry: o (user index, number), the date-time (untagged)
+//   per listD entry (peer x.2+): c text, b set
+//   I number, H number, then (peer x.2+) A G F E numbers, (peer x.4+) g k bytes
+//   L number (only when the link byte is set), z number (the link byte, or 0)
+//
+// The reader is strict about order once "W" is read: the time value, the seven sets in
+// their order, the popup and listB groups (each recognised by its first two tag words,
+// which an untagged date-time behind them cannot imitate), value8, then tagged fields.
+// Before "W" the fields may come in any order. "i", "d", "r" and "l" (written by older
+// peers) are accepted in the tagged runs and skipped.
+//
+// Sets travel in the bit encoding (writenetbits) as bytes. Version gates read the
+// peer's version kept in the buffer; a gate on the second number also needs the first
+// to be non-zero. Texts read back are limited to 256 bytes with their NUL.
+//
+// Item messages: a header with the request code, then the items, each followed at
+// once by its chained item (and that one's chain). A non-zero end field announces that
+// the next item on the wire is the chained item of the one just read, so a chain is
+// kept across the wire when its items carry the link byte. A single-item message is
+// extended when the item has a chained item or the type letter 'd'; without an item
+// it is a header alone with code 55. A list message is extended only when the peer is
+// x.4+ and some item has a chained item or the type letter 'd'.
+//
+// Results: 0 on success, -1 when a field is missing, malformed or does not fit; the
+// reason is printed on standard error, one line prefixed "readEvent: " (or the buffer
+// routine's own text).
+#pragma once
+
+#include <cstdint>
+
+namespace quorvel {
+
+struct Buf;
+struct Item;
+
+// The code of a single-item message that carries no item.
+inline constexpr int NO_ITEM_CODE = 55;
+
+// Texts (title, database name, owner name, popup title) are refused above this many
+// bytes on the wire, their NUL included.
+inline constexpr int ITEM_TEXT_MAX = 256;
+
+/* ---- Writing ------------------------------------------------------------------ */
+
+// Appends the fields of one item (its chain not included) at the buffer's cursor.
+// The owner name for "f" comes from the calendar-name lookup (see calset.h).
+void writeEvent(Buf *out, const Item *item);
+
+// Appends an item followed by its chained items.
+void writeEventChain(Buf *out, const Item *item);
+
+// Appends every item of an item list (head excluded), each with its chain.
+void writeEventList(Buf *out, const Item *head);
+
+// Whether a single item (with its chain) needs the extended message.
+bool itemNeedsExtended(const Item *item);
+
+// Whether a list of items needs the extended message for the buffer's peer.
+bool listNeedsExtended(const Buf *out, const Item *head);
+
+/* ---- Whole messages ----------------------------------------------------------- */
+
+// Builds a complete message in a rewound buffer: header with `code`, the item and its
+// chain, header rewritten with the final length. A null item gives a header alone with
+// code 55. The extended flag is set from the rules above before any item is written.
+void buildItemMessage(Buf *out, int code, const Item *item);
+
+// The same for an item list (head excluded).
+void buildItemListMessage(Buf *out, int code, const Item *head);
+
+/* ---- Reading ------------------------------------------------------------------ */
+
+// Reads one item's fields up to and including "z" into `item` (a fresh item from
+// evnew). Returns 0, or -1 with the item partly filled (the caller frees it).
+int readEvent(Buf *in, Item *item);
+
+// Reads items until the cursor reaches byte offset `end` of the buffer, appending
+// them to the list at `head` and hanging announced chained items on their items.
+// Returns the number of items read (chained ones not counted) or -1.
+int readEventList(Buf *in, Item *head, uint32_t end);
+
+// Reads a whole item message (header included) into the list at `head`: the body
+// runs to the length given in the header. Returns the number of items, or -1.
+int readItemMessage(Buf *in, Item *head, int *code);
+
+}  // namespace quorvel
