@@ -1,0 +1,121 @@
+#!/bin/bash
+# demo.sh [--serve] -- the gateway end to end: installs what is missing, builds webquorvel
+# and the sample web agent (Release), lays out ./demo-root (cgi-bin/webquorvel beside
+# htdocs/tmp/), starts the agent in demo mode and lighttpd on free loopback ports, makes
+# one real request through the web server with curl, and prints the page and the files
+# the gateway wrote. Exits 0 when all of that worked. With --serve it keeps serving and
+# prints the URL to open in a browser; Ctrl-C stops everything.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+top=$(pwd)
+
+serve=0
+case "${1:-}" in
+  "") ;;
+  --serve) serve=1 ;;
+  *) echo "usage: bash scripts/demo.sh [--serve]" >&2; exit 2 ;;
+esac
+
+bash scripts/setup.sh
+build=$top/build-demo
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQV_TESTS=OFF >/dev/null
+ninja -C "$build" webquorvel sample_agent >/dev/null
+
+root=$top/demo-root
+rm -rf "$root"
+pids=()
+cleanup() {
+  local p
+  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
+  for p in "${pids[@]}"; do wait "$p" 2>/dev/null || true; done
+  pids=()
+}
+trap cleanup EXIT
+trap 'echo; echo "demo: stopped"; exit 0' INT TERM
+
+listening() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+
+# A port in [lo, hi) that nothing listens on yet.
+free_port() {
+  local lo=$1 hi=$2 p i
+  for i in $(seq 200); do
+    p=$((lo + (RANDOM * 32768 + RANDOM) % (hi - lo)))
+    listening "$p" || { echo "$p"; return 0; }
+  done
+  echo "demo: no free port in $lo..$hi" >&2
+  return 1
+}
+
+# Waits up to five seconds for a started process to listen on a port.
+await_port() {
+  local pid=$1 port=$2 i
+  for i in $(seq 100); do
+    listening "$port" && return 0
+    kill -0 "$pid" 2>/dev/null || return 1
+    sleep 0.05
+  done
+  return 1
+}
+
+# The agent listens on 3726 + n; the query carries n.
+start_agent() {
+  local try port
+  for try in 1 2 3 4 5; do
+    port=$(free_port 4726 30000)
+    "$build/testing/sample_agent" --demo --port "$port" >"$root/log/agent.log" 2>&1 &
+    local pid=$!
+    if await_port "$pid" "$port"; then
+      pids+=("$pid"); agent_n=$((port - 3726)); return 0
+    fi
+    kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true
+  done
+  echo "demo: the sample agent did not start:" >&2; cat "$root/log/agent.log" >&2
+  return 1
+}
+
+start_lighttpd() {
+  local try pid
+  for try in 1 2 3 4 5; do
+    http_port=$(free_port 30000 60000)
+    bash scripts/webroot.sh "$root" "$build/gateway/webquorvel" "$http_port"
+    lighttpd -D -f "$root/lighttpd.conf" >>"$root/log/lighttpd.out" 2>&1 &
+    pid=$!
+    if await_port "$pid" "$http_port"; then pids+=("$pid"); return 0; fi
+    kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true
+  done
+  echo "demo: lighttpd did not start:" >&2
+  cat "$root/log/lighttpd.out" "$root/log/error.log" >&2 2>/dev/null || true
+  return 1
+}
+
+mkdir -p "$root/log"
+start_agent
+start_lighttpd
+url="http://127.0.0.1:$http_port/cgi-bin/webquorvel?dn=127.0.0.1:$agent_n&lan=En_US&rpt=/icons"
+
+echo "== request: GET $url"
+status=$(curl -sS -o "$root/log/page.out" -D "$root/log/page.head" -w '%{http_code}' "$url")
+echo "== response: HTTP $status"
+cat "$root/log/page.head" | tr -d '\r'
+cat "$root/log/page.out"
+echo
+echo "== files written under htdocs/ (bytes, path)"
+files=$(cd "$root/htdocs" && find . -type f -printf '%s\t%P\n' | sort -k2)
+echo "${files:-  (none)}"
+
+[ "$status" = 200 ] || { echo "demo: the request failed (HTTP $status)" >&2; exit 1; }
+[ -n "$files" ] || { echo "demo: the gateway wrote no files" >&2; exit 1; }
+# Every file written is served back by the web server, byte for byte.
+while IFS=$'\t' read -r size path; do
+  got=$(curl -sS -o /dev/null -w '%{http_code} %{size_download}' "http://127.0.0.1:$http_port/$path")
+  [ "$got" = "200 $size" ] || { echo "demo: /$path served as '$got', expected '200 $size'" >&2; exit 1; }
+done <<<"$files"
+echo "== every file is served back by lighttpd"
+
+if [ "$serve" = 1 ]; then
+  echo
+  echo "Serving. Open this URL in a browser (Ctrl-C stops):"
+  echo "  $url"
+  wait "${pids[@]}"
+fi
+exit 0
