@@ -1,1 +1,124 @@
-// placeholder until implemented
+// datetime.cpp -- date-time values: initial values, the 8-byte network-order wire
+// form, and the record-file text form with its list-defaults rule.
+#include "core/date/datetime.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace quorvel {
+
+namespace {
+
+void put32(uint8_t *out, uint32_t v) {
+  out[0] = uint8_t(v >> 24);
+  out[1] = uint8_t(v >> 16);
+  out[2] = uint8_t(v >> 8);
+  out[3] = uint8_t(v);
+}
+
+void put16(uint8_t *out, uint16_t v) {
+  out[0] = uint8_t(v >> 8);
+  out[1] = uint8_t(v);
+}
+
+uint32_t get32(const uint8_t *in) {
+  return uint32_t(in[0]) << 24 | uint32_t(in[1]) << 16 | uint32_t(in[2]) << 8 | in[3];
+}
+
+uint16_t get16(const uint8_t *in) { return uint16_t(in[0] << 8 | in[1]); }
+
+// Reads "0x<hex>" at *text (after blanks), moving *text past it; false when absent
+// or out of range for max.
+bool readHex(const char **text, unsigned long max, unsigned long *value) {
+  const char *p = *text;
+  while (*p == ' ' || *p == '\t') p++;
+  if (p[0] != '0' || (p[1] != 'x' && p[1] != 'X')) return false;
+  if (!isxdigit(static_cast<unsigned char>(p[2]))) return false;
+  char *end = nullptr;
+  errno = 0;
+  unsigned long v = strtoul(p + 2, &end, 16);
+  if (errno != 0 || v > max) return false;
+  *value = v;
+  *text = end;
+  return true;
+}
+
+}  // namespace
+
+/* ---- Values ------------------------------------------------------------------- */
+
+DateTime initDateTime() { return DateTime{NO_TIME, 0, 0}; }
+TimeRange initTimeRange() { return TimeRange{initDateTime(), initDateTime()}; }
+
+bool sameDateTime(const DateTime &a, const DateTime &b) {
+  return a.time == b.time && a.q1 == b.q1 && a.q2 == b.q2;
+}
+
+/* ---- Wire form ---------------------------------------------------------------- */
+
+void putDateTime(uint8_t *out, const DateTime &dt) {
+  put32(out, uint32_t(dt.time));
+  put16(out + 4, dt.q1);
+  put16(out + 6, dt.q2);
+}
+
+DateTime getDateTime(const uint8_t *in) {
+  return DateTime{int32_t(get32(in)), get16(in + 4), get16(in + 6)};
+}
+
+void putTimeRange(uint8_t *out, const TimeRange &tr) {
+  putDateTime(out, tr.start);
+  putDateTime(out + DATETIME_WIRE, tr.end);
+}
+
+TimeRange getTimeRange(const uint8_t *in) {
+  return TimeRange{getDateTime(in), getDateTime(in + DATETIME_WIRE)};
+}
+
+/* ---- Record-file text form ---------------------------------------------------- */
+
+int formatDateTime(char *out, size_t cap, const DateTime &dt, const DateTime *defaults) {
+  bool withQ1 = defaults == nullptr || dt.q1 != defaults->q1;
+  bool withQ2 = withQ1 && (defaults == nullptr || dt.q2 != defaults->q2);
+  int n;
+  if (withQ2)
+    n = snprintf(out, cap, "0x%lx @0x%x %%0x%x", static_cast<unsigned long>(uint32_t(dt.time)),
+                 unsigned(dt.q1), unsigned(dt.q2));
+  else if (withQ1)
+    n = snprintf(out, cap, "0x%lx @0x%x", static_cast<unsigned long>(uint32_t(dt.time)),
+                 unsigned(dt.q1));
+  else
+    n = snprintf(out, cap, "0x%lx", static_cast<unsigned long>(uint32_t(dt.time)));
+  return n < 0 || size_t(n) >= cap ? -1 : n;
+}
+
+int parseDateTime(const char *text, DateTime *out, const DateTime *defaults) {
+  const char *p = text;
+  unsigned long time = 0, q1 = 0, q2 = 0;
+  // The time is a 32-bit pattern; a writer that sign-extended it to 64 bits is accepted.
+  if (!readHex(&p, ~0ul, &time)) return -1;
+  if (time > 0xFFFFFFFFul && time < 0xFFFFFFFF80000000ul) return -1;
+  DateTime dt{int32_t(uint32_t(time & 0xFFFFFFFFul)), defaults ? defaults->q1 : uint16_t(0),
+              defaults ? defaults->q2 : uint16_t(0)};
+  while (*p == ' ' || *p == '\t') p++;
+  if (*p == '@') {
+    p++;
+    if (!readHex(&p, 0xFFFF, &q1)) return -1;
+    dt.q1 = uint16_t(q1);
+    while (*p == ' ' || *p == '\t') p++;
+    if (*p == '%') {
+      p++;
+      if (!readHex(&p, 0xFFFF, &q2)) return -1;
+      dt.q2 = uint16_t(q2);
+    }
+  }
+  while (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r') p++;
+  if (*p != '\0') return -1;
+  *out = dt;
+  return 0;
+}
+
+}  // namespace quorvel
