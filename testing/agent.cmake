@@ -1,0 +1,13 @@
+# The sample web agent: its library part joins qv_testing, and the program sample_agent.
+find_package(Threads REQUIRED)
+if(NOT TARGET qv_testing)
+  add_library(qv_testing STATIC ${CMAKE_CURRENT_SOURCE_DIR}/agent.cpp
+                                ${CMAKE_CURRENT_SOURCE_DIR}/agent_cli.cpp)
+else()
+  target_sources(qv_testing PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/agent.cpp
+                                    ${CMAKE_CURRENT_SOURCE_DIR}/agent_cli.cpp)
+endif()
+target_link_libraries(qv_testing PUBLIC Threads::Threads)
+
+add_executable(sample_agent ${CMAKE_CURRENT_SOURCE_DIR}/sample_agent.cpp)
+target_link_libraries(sample_agent PRIVATE qv_testing)
