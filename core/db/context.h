@@ -43,47 +43,47 @@ using DropCacheFn = void (*)(struct DbHandle *db);
 /* ---- The database context ------------------------------------------------------ */
 
 struct DbHandle {
-    // Identity
-    std::string dir;           // database directory, e.g. "db/database" (owned)
-    std::string name;          // database name looked up by "J" lines; may be empty
-    uint8_t kind;              // DB_KIND_*
-    bool standalone;           // standalone database: napSeconds does not sleep for it
-    bool isDefault;            // opened by openDefaultDb for "db/database"
-    bool noWait;               // main context only: no retries, alarms around server I/O
-    bool changed;              // changed mark, set and cleared from the server's answers
-    bool inMemoryOnly;         // holds the database in memory only: stamp not re-read
+  // Identity
+  std::string dir;           // database directory, e.g. "db/database" (owned)
+  std::string name;          // database name looked up by "J" lines; may be empty
+  uint8_t kind;              // DB_KIND_*
+  bool standalone;           // standalone database: napSeconds does not sleep for it
+  bool isDefault;            // opened by openDefaultDb for "db/database"
+  bool noWait;               // main context only: no retries, alarms around server I/O
+  bool changed;              // changed mark, set and cleared from the server's answers
+  bool inMemoryOnly;         // holds the database in memory only: stamp not re-read
 
-    // Server link (core/net)
-    ServerLink *server;        // connection, null for a local database (dumb pointer)
-    std::string remoteNode;    // remote node name, for a context that is not the main one
-    int32_t remoteNodeNumber;  // -1 while unset
+  // Server link (core/net)
+  ServerLink *server;        // connection, null for a local database (dumb pointer)
+  std::string remoteNode;    // remote node name, for a context that is not the main one
+  int32_t remoteNodeNumber;  // -1 while unset
 
-    // Users (core/people)
-    int32_t usersFileTime;     // modification time of the users file applied (NO_TIME)
-    UserList *users;           // the list in force (owned by core/people)
-    UserList *appliedUsers;    // the list last carried into the client (core/people)
-    UserGuard *usersGuard;     // taken for writing while `users` is swapped
-    NameTable *names;          // calendar-name table, made on first use
+  // Users (core/people)
+  int32_t usersFileTime;     // modification time of the users file applied (NO_TIME)
+  UserList *users;           // the list in force (owned by core/people)
+  UserList *appliedUsers;    // the list last carried into the client (core/people)
+  UserGuard *usersGuard;     // taken for writing while `users` is swapped
+  NameTable *names;          // calendar-name table, made on first use
 
-    // Permissions (core/people)
-    DatEntry *perms;           // permission records, array of permCount
-    int32_t permCount;         // number of records in perms
-    uint8_t permMode;          // mode 1 relaxes the permission checks
-    uint16_t *notifySet;       // calendar set of "notify.del" (word 0 = bit count)
+  // Permissions (core/people)
+  DatEntry *perms;           // permission records, array of permCount
+  int32_t permCount;         // number of records in perms
+  uint8_t permMode;          // mode 1 relaxes the permission checks
+  uint16_t *notifySet;       // calendar set of "notify.del" (word 0 = bit count)
 
-    // Record files (core/db record-file code). Set both together; see dropFileCache.
-    RecordCache *records;      // the record-file cache, null while empty
-    DropCacheFn dropRecords;   // drops `records`; null when there is nothing to drop
+  // Record files (core/db record-file code). Set both together; see dropFileCache.
+  RecordCache *records;      // the record-file cache, null while empty
+  DropCacheFn dropRecords;   // drops `records`; null when there is nothing to drop
 
-    // Change stamps ("locks/active1" change times)
-    int32_t lastSeenStamp;     // stamp as last read, NO_TIME before the first read
-    int32_t ownWriteStamp;     // stamp of this process's own last write, NO_TIME
-    int32_t outsideChange;     // time of the last change made by another process
+  // Change stamps ("locks/active1" change times)
+  int32_t lastSeenStamp;     // stamp as last read, NO_TIME before the first read
+  int32_t ownWriteStamp;     // stamp of this process's own last write, NO_TIME
+  int32_t outsideChange;     // time of the last change made by another process
 
-    // Address book (core/people)
-    BookState *books;          // book states, owned by the address-book code
-    int32_t firstUnsaved;      // time of the first unsaved book change, NO_TIME
-    int32_t lastUnsaved;       // time of the last unsaved book change, NO_TIME
+  // Address book (core/people)
+  BookState *books;          // book states, owned by the address-book code
+  int32_t firstUnsaved;      // time of the first unsaved book change, NO_TIME
+  int32_t lastUnsaved;       // time of the last unsaved book change, NO_TIME
 };
 
 /* ---- Making and freeing -------------------------------------------------------- */
