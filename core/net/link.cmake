@@ -1,0 +1,4 @@
+# qv_net: the calendar-server connection and framing, and the remote calls. The item
+# wire codec adds its sources to this library from codec.cmake.
+add_library(qv_net STATIC link.cpp link.h remote.cpp remote.h)
+target_link_libraries(qv_net PUBLIC qv_items qv_buf qv_date qv_base)

@@ -1,0 +1,305 @@
+// calserver.cpp -- the fake calendar server: accepts loopback connections on its own
+// thread, records each request and answers it by the next step of its script.
+// Divisions: field helpers, message building, the serving loop, start and stop.
+#include "testing/calserver.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+namespace quorvel {
+
+/* ==== Field helpers ============================================================== */
+
+static void putWord(std::vector<uint8_t> *out, uint32_t v) {
+  uint32_t n = htonl(v);
+  const uint8_t *p = reinterpret_cast<const uint8_t *>(&n);
+  out->insert(out->end(), p, p + 4);
+}
+
+static uint32_t getWord(const uint8_t *p) {
+  uint32_t n;
+  memcpy(&n, p, 4);
+  return ntohl(n);
+}
+
+CalField calNumber(int32_t value) {
+  CalField f;
+  f.kind = 51;
+  putWord(&f.payload, static_cast<uint32_t>(value));
+  return f;
+}
+
+CalField calText(const std::string &text) {
+  CalField f;
+  f.kind = 56;
+  f.payload.assign(text.begin(), text.end());
+  f.payload.push_back(0);
+  return f;
+}
+
+CalField calBytes(int kind, std::string bytes) {
+  CalField f;
+  f.kind = kind;
+  f.payload.assign(bytes.begin(), bytes.end());
+  return f;
+}
+
+int32_t calFieldNumber(const CalField &f) {
+  return f.payload.size() >= 4 ? static_cast<int32_t>(getWord(f.payload.data())) : 0;
+}
+
+std::string calFieldText(const CalField &f) {
+  std::string s(f.payload.begin(), f.payload.end());
+  return s.substr(0, s.find('\0'));
+}
+
+bool calParseFields(const uint8_t *body, size_t length, std::vector<CalField> *out) {
+  size_t at = 0;
+  while (at < length) {
+    if (length - at < 4) return false;
+    uint32_t word = getWord(body + at);
+    size_t n = word & 0xFFFFFF;
+    size_t space = 4 + (n + 3) / 4 * 4;
+    if (space > length - at) return false;
+    CalField f;
+    f.kind = static_cast<int>(word >> 24);
+    f.payload.assign(body + at + 4, body + at + 4 + n);
+    out->push_back(std::move(f));
+    at += space;
+  }
+  return true;
+}
+
+CalStep calReply(std::vector<CalField> fields, int code) {
+  CalStep s;
+  s.fields = std::move(fields);
+  s.code = code;
+  return s;
+}
+
+CalStep calBusy() { return calReply({}, 217); }
+
+CalStep calServerValue(int32_t v) {
+  // The reply code counts as the first field, so the value is the sixth of the body.
+  return calReply({calText(""), calNumber(0), calNumber(0), calNumber(0), calNumber(0),
+                   calNumber(v)},
+                  218);
+}
+
+CalStep calAction(CalAction action) {
+  CalStep s;
+  s.action = action;
+  return s;
+}
+
+/* ==== Message building =========================================================== */
+
+static std::vector<uint8_t> buildReply(const CalStep &step, int requestCode) {
+  std::vector<uint8_t> msg(12, 0);
+  for (const CalField &f : step.fields) {
+    putWord(&msg, (static_cast<uint32_t>(f.kind) << 24) | (f.payload.size() & 0xFFFFFF));
+    msg.insert(msg.end(), f.payload.begin(), f.payload.end());
+    while (msg.size() % 4) msg.push_back(0);
+  }
+  uint16_t code = htons(static_cast<uint16_t>(step.code ? step.code : requestCode + 100));
+  memcpy(msg.data(), &code, 2);
+  msg[2] = static_cast<uint8_t>(step.major);
+  msg[3] = static_cast<uint8_t>(step.minor);
+  uint32_t len = htonl(step.zeroLength ? 0 : static_cast<uint32_t>(msg.size()));
+  uint32_t magic = htonl(step.magic);
+  memcpy(msg.data() + 4, &len, 4);
+  memcpy(msg.data() + 8, &magic, 4);
+  return msg;
+}
+
+/* ==== The serving loop ============================================================ */
+
+static void sleepMs(int ms) {
+  if (ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+// Waits for input on fd, in short rounds so that a stop is noticed; false on stop.
+static bool waitReadable(CalServer *s, int fd) {
+  pollfd p{fd, POLLIN, 0};
+  while (!s->stopping) {
+    int r = poll(&p, 1, 20);
+    if (r > 0) return true;
+    if (r < 0 && errno != EINTR) return false;
+  }
+  return false;
+}
+
+// Reads exactly n bytes; false on end of input, error or stop.
+static bool readFull(CalServer *s, int fd, uint8_t *p, size_t n) {
+  while (n > 0) {
+    if (!waitReadable(s, fd)) return false;
+    ssize_t r = recv(fd, p, n, 0);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) return false;
+    p += r;
+    n -= static_cast<size_t>(r);
+  }
+  return true;
+}
+
+static bool sendAll(int fd, const uint8_t *p, size_t n) {
+  while (n > 0) {
+    ssize_t r = send(fd, p, n, MSG_NOSIGNAL);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) return false;
+    p += r;
+    n -= static_cast<size_t>(r);
+  }
+  return true;
+}
+
+static bool readRequest(CalServer *s, int fd, CalRequest *req) {
+  uint8_t head[12];
+  if (!readFull(s, fd, head, 12)) return false;
+  req->code = (head[0] << 8) | head[1];
+  req->major = head[2];
+  req->minor = head[3];
+  req->length = getWord(head + 4);
+  req->magic = getWord(head + 8);
+  if (req->length < 12 || req->length > (64u << 20)) return false;
+  std::vector<uint8_t> body(req->length - 12);
+  if (!readFull(s, fd, body.data(), body.size())) return false;
+  req->wellFormed = calParseFields(body.data(), body.size(), &req->fields);
+  return true;
+}
+
+static CalStep nextStep(CalServer *s) {
+  std::lock_guard<std::mutex> g(s->lock);
+  if (s->script.empty()) return CalStep{};
+  CalStep step = s->script.front();
+  s->script.erase(s->script.begin());
+  return step;
+}
+
+static const CalStep *peekStep(CalServer *s, CalStep *copy) {
+  std::lock_guard<std::mutex> g(s->lock);
+  if (s->script.empty()) return nullptr;
+  *copy = s->script.front();
+  return copy;
+}
+
+// Answers one request by the step; false when the connection is to be dropped.
+static bool answer(CalServer *s, int fd, const CalStep &step, int requestCode) {
+  sleepMs(step.delayMs);
+  std::vector<uint8_t> msg = buildReply(step, requestCode);
+  switch (step.action) {
+    case CAL_CLOSE:
+    case CAL_REFUSE:
+      return false;
+    case CAL_SILENT:
+      while (waitReadable(s, fd)) {
+        uint8_t junk[256];
+        if (recv(fd, junk, sizeof junk, 0) <= 0) break;
+      }
+      return false;
+    case CAL_TRUNCATE:
+      sendAll(fd, msg.data(), std::min(msg.size(), static_cast<size_t>(step.cutBytes)));
+      return false;
+    case CAL_OVERLONG:
+      msg.insert(msg.end(), static_cast<size_t>(step.extraBytes), 0x5A);
+      return sendAll(fd, msg.data(), msg.size());
+    case CAL_REPLY:
+      return sendAll(fd, msg.data(), msg.size());
+  }
+  return false;
+}
+
+static void serveConnection(CalServer *s, int fd) {
+  for (;;) {
+    CalStep ahead;
+    const CalStep *next = peekStep(s, &ahead);
+    if (next && next->action == CAL_REFUSE) {
+      nextStep(s);
+      return;
+    }
+    if (next) sleepMs(next->stallReadMs);
+    CalRequest req;
+    if (!readRequest(s, fd, &req)) return;
+    {
+      std::lock_guard<std::mutex> g(s->lock);
+      s->requests.push_back(req);
+    }
+    s->changed.notify_all();
+    if (!answer(s, fd, nextStep(s), req.code)) return;
+  }
+}
+
+static void serveLoop(CalServer *s) {
+  while (!s->stopping) {
+    if (!waitReadable(s, s->listenFd)) break;
+    int fd = accept(s->listenFd, nullptr, nullptr);
+    if (fd < 0) continue;
+    {
+      std::lock_guard<std::mutex> g(s->lock);
+      s->connections++;
+    }
+    serveConnection(s, fd);
+    close(fd);
+  }
+}
+
+/* ==== Start and stop ================================================================ */
+
+int startCalServer(CalServer *s) {
+  s->listenFd = socket(AF_INET, SOCK_STREAM, 0);
+  if (s->listenFd < 0) return -1;
+  int on = 1;
+  setsockopt(s->listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t alen = sizeof a;
+  if (bind(s->listenFd, reinterpret_cast<sockaddr *>(&a), sizeof a) < 0 ||
+      listen(s->listenFd, 8) < 0 ||
+      getsockname(s->listenFd, reinterpret_cast<sockaddr *>(&a), &alen) < 0) {
+    int saved = errno;
+    close(s->listenFd);
+    s->listenFd = -1;
+    errno = saved;
+    return -1;
+  }
+  s->port = ntohs(a.sin_port);
+  s->stopping = false;
+  s->thread = std::thread(serveLoop, s);
+  return 0;
+}
+
+void stopCalServer(CalServer *s) {
+  s->stopping = true;
+  if (s->thread.joinable()) s->thread.join();
+  if (s->listenFd >= 0) close(s->listenFd);
+  s->listenFd = -1;
+}
+
+void calScript(CalServer *s, std::vector<CalStep> steps) {
+  std::lock_guard<std::mutex> g(s->lock);
+  for (CalStep &step : steps) s->script.push_back(std::move(step));
+}
+
+std::vector<CalRequest> calRequests(CalServer *s) {
+  std::lock_guard<std::mutex> g(s->lock);
+  return s->requests;
+}
+
+int calConnections(CalServer *s) {
+  std::lock_guard<std::mutex> g(s->lock);
+  return s->connections;
+}
+
+std::string calAddress(const CalServer *s) {
+  return "127.0.0.1:" + std::to_string(s->port - 3751);
+}
+
+}  // namespace quorvel
