@@ -57,20 +57,24 @@ await_port() {
   return 1
 }
 
-# The agent listens on 3726 + n; the query carries n.
+# The agent picks a free port (3726 + n); the query carries n.
 start_agent() {
-  local try port
-  for try in 1 2 3 4 5; do
-    port=$(free_port 4726 30000)
-    "$build/testing/sample_agent" --demo --port "$port" >"$root/log/agent.log" 2>&1 &
-    local pid=$!
-    if await_port "$pid" "$port"; then
-      pids+=("$pid"); agent_n=$((port - 3726)); return 0
-    fi
-    kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true
+  local pid i port=""
+  rm -f "$root/log/agent.port"
+  "$build/testing/sample_agent" --mode demo --port 0 --port-file "$root/log/agent.port" \
+    >"$root/log/agent.log" 2>&1 &
+  pid=$!
+  pids+=("$pid")
+  for i in $(seq 100); do
+    [ -s "$root/log/agent.port" ] && port=$(tr -d "\n" <"$root/log/agent.port") && break
+    kill -0 "$pid" 2>/dev/null || break
+    sleep 0.05
   done
-  echo "demo: the sample agent did not start:" >&2; cat "$root/log/agent.log" >&2
-  return 1
+  if [ -z "$port" ] || ! await_port "$pid" "$port"; then
+    echo "demo: the sample agent did not start:" >&2; cat "$root/log/agent.log" >&2
+    return 1
+  fi
+  agent_n=$((port - 3726))
 }
 
 start_lighttpd() {

@@ -40,6 +40,7 @@ mimetype.assign        = (".html" => "text/html", ".htm" => "text/html",
                           ".gif" => "image/gif", ".png" => "image/png",
                           ".jpg" => "image/jpeg", ".css" => "text/css",
                           ".js" => "text/javascript", ".txt" => "text/plain",
+                          ".svg" => "image/svg+xml",
                           "" => "application/octet-stream")
 alias.url              = ("/cgi-bin/" => "$root/cgi-bin/")
 \$HTTP["url"] =~ "^/cgi-bin/" {
