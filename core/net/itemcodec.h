@@ -10,17 +10,18 @@
 //   W set, then the start/end time value (two date-times, untagged)
 //   Y N S R C X M   one set each
 //   per popup:      p text, m number, m number, b set, and (peer x.2+) a second b set
-//   per listB entry: a number (user), q number (frequency), the start date-time
-//                    (untagged), s text
+//   per alarm (listB): a 12 bytes (user, start, freq as numbers), e text (the string;
+//                    a single NUL when there is none)
 //   value8          one date-time, untagged
-//   per listC entry: o (user index, number), the date-time (untagged)
+//   per listC entry: q 12 bytes (user number, then the date-time)
 //   per listD entry (peer x.2+): c text, b set
 //   I number, H number, then (peer x.2+) A G F E numbers, (peer x.4+) g k bytes
 //   L number (only when the link byte is set), z number (the link byte, or 0)
 //
 // The reader is strict about order once "W" is read: the time value, the seven sets in
-// their order, the popup and listB groups (each recognised by its first two tag words,
-// which an untagged date-time behind them cannot imitate), value8, then tagged fields.
+// their order, the popup and alarm groups (each recognised by the tag words of the
+// whole group, which the untagged value8 and the fields behind it cannot imitate),
+// value8, then tagged fields in any order up to "z".
 // Before "W" the fields may come in any order. "i", "d", "r" and "l" (written by older
 // peers) are accepted in the tagged runs and skipped.
 //
@@ -29,9 +30,9 @@
 // to be non-zero. Texts read back are limited to 256 bytes with their NUL.
 //
 // Item messages: a header with the request code, then the items, each followed at
-// once by its chained item (and that one's chain). A non-zero end field announces that
-// the next item on the wire is the chained item of the one just read, so a chain is
-// kept across the wire when its items carry the link byte. A single-item message is
+// once by its chained item (and that one's chain). Chained items are copies of their
+// item in other databases: a reader takes an item with the same random identifier and
+// title as the one before it for that one's chained item. A single-item message is
 // extended when the item has a chained item or the type letter 'd'; without an item
 // it is a header alone with code 55. A list message is extended only when the peer is
 // x.4+ and some item has a chained item or the type letter 'd'.
@@ -53,7 +54,7 @@ inline constexpr int NO_ITEM_CODE = 55;
 
 // Texts (title, database name, owner name, popup title) are refused above this many
 // bytes on the wire, their NUL included.
-inline constexpr int ITEM_TEXT_MAX = 256;
+inline constexpr int WIRE_TEXT_MAX = 256;
 
 /* ---- Writing ------------------------------------------------------------------ */
 

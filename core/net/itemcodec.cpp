@@ -1,0 +1,528 @@
+// itemcodec.cpp -- calendar items as tagged fields: the writer (one item, its chain,
+// item lists, whole messages with their header) and the reader (one item, a run of
+// items with their chains, a whole message).
+//
+// Divisions: field writers, the item writer, messages; field readers, group look-ahead,
+// the item reader in its four stretches, lists and messages.
+#include "core/net/itemcodec.h"
+
+#include <arpa/inet.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "core/base/base.h"
+#include "core/date/datetime.h"
+#include "core/items/item.h"
+#include "core/net/buf.h"
+#include "core/net/calset.h"
+#include "core/net/namelookup.h"
+#include "core/net/netdate.h"
+
+namespace quorvel {
+
+namespace {
+
+// The header every message opens with: code, our version 1.6, length, magic.
+constexpr uint8_t OWN_MAJOR = 1;
+constexpr uint8_t OWN_MINOR = 6;
+constexpr uint32_t MAGIC_PLAIN = 0xDEADBEEF;
+constexpr uint32_t MAGIC_EXTENDED = 0xBABEFACE;
+constexpr size_t HEADER_SIZE = 12;
+
+constexpr size_t ENTRY_WIRE = 12;  // an alarm ("a") or a listC entry ("q")
+
+// Version gates: the peer's second number, and a first number that is known.
+bool peerAtLeast(const Buf *buf, int minor) {
+  return buf->peerMajor != 0 && buf->peerMinor >= minor;
+}
+
+void putWord32(uint8_t *at, uint32_t v) {
+  v = htonl(v);
+  memcpy(at, &v, 4);
+}
+
+uint32_t getWord32(const uint8_t *at) {
+  uint32_t v;
+  memcpy(&v, at, 4);
+  return ntohl(v);
+}
+
+/* ---- Field writers -------------------------------------------------------------- */
+
+void stuffNumber(Buf *out, char tag, int32_t value) { StuffBuf(out, &value, 4, 4, bufTag(tag)); }
+void stuffShort(Buf *out, char tag, uint16_t value) { StuffBuf(out, &value, 2, 2, bufTag(tag)); }
+void stuffByte(Buf *out, char tag, uint8_t value) { StuffBuf(out, &value, 1, 1, bufTag(tag)); }
+
+// A text with its NUL; a missing text travels as a single NUL.
+void stuffText(Buf *out, char tag, const char *text) {
+  if (text == nullptr) text = "";
+  StuffBuf(out, text, strlen(text) + 1, 1, bufTag(tag));
+}
+
+// A set in the bit encoding, carried as bytes (the words are in network order already).
+void stuffSet(Buf *out, char tag, const uint16_t *set) {
+  char area[NETBITS_MAX];
+  int n = writenetbits(area, sizeof area, set);
+  if (n < 4) {  // (cannot happen with a full-size area; keep the field well-formed)
+    memset(area, 0, 4);
+    n = 4;
+  }
+  StuffBuf(out, area, size_t(n), 1, bufTag(tag));
+}
+
+/* ---- The item writer ------------------------------------------------------------ */
+
+void writeOwner(Buf *out, const Item *item) {
+  if (peerAtLeast(out, 3) && out->extended) {
+    stuffText(out, 'f', calendarName(item->owner));
+  } else {
+    stuffNumber(out, 'O', item->owner);
+  }
+}
+
+void writePopups(Buf *out, const Item *item) {
+  for (int i = 0; i < item->popupCount; i++) {
+    const Popup &p = item->popups[i];
+    stuffText(out, 'p', p.title);
+    stuffNumber(out, 'm', p.mask);
+    stuffNumber(out, 'm', p.number);
+    stuffSet(out, 'b', p.setS);
+    if (peerAtLeast(out, 2)) stuffSet(out, 'b', p.setR);
+  }
+}
+
+void writeAlarms(Buf *out, const Item *item) {
+  for (int i = 0; i < item->listBCount; i++) {
+    const Alarm &a = item->listB[i];
+    int32_t words[3] = {a.user, int32_t(a.start), int32_t(a.freq)};
+    StuffBuf(out, words, sizeof words, 4, bufTag('a'));
+    stuffText(out, 'e', a.string);
+  }
+}
+
+void writeUserTimes(Buf *out, const Item *item) {
+  for (int i = 0; i < item->listCCount; i++) {
+    uint8_t bytes[ENTRY_WIRE];
+    putWord32(bytes, uint32_t(item->listC[i].user));
+    putDateTime(bytes + 4, item->listC[i].when);
+    StuffBuf(out, bytes, sizeof bytes, 1, bufTag('q'));
+  }
+}
+
+void writeLabels(Buf *out, const Item *item) {
+  for (int i = 0; i < item->listDCount; i++) {
+    stuffText(out, 'c', item->listD[i].label);
+    stuffSet(out, 'b', item->listD[i].set);
+  }
+}
+
+void writeTail(Buf *out, const Item *item) {
+  stuffNumber(out, 'I', item->randomId);
+  stuffNumber(out, 'H', item->hNumber);
+  if (peerAtLeast(out, 2)) {
+    stuffNumber(out, 'A', item->aNumber);
+    stuffNumber(out, 'G', item->gNumber);
+    stuffNumber(out, 'F', item->fNumber);
+    stuffNumber(out, 'E', item->eNumber);
+  }
+  if (peerAtLeast(out, 4)) {
+    stuffByte(out, 'g', item->gFlag);
+    stuffByte(out, 'k', item->kFlag);
+  }
+  if (item->linkByte != 0) stuffNumber(out, 'L', item->linkByte);
+  stuffNumber(out, 'z', item->linkByte);
+}
+
+/* ---- Messages ------------------------------------------------------------------- */
+
+void stuffHeader(Buf *out, int code) {
+  uint8_t header[HEADER_SIZE];
+  uint16_t c = htons(uint16_t(code));
+  memcpy(header, &c, 2);
+  header[2] = OWN_MAJOR;
+  header[3] = OWN_MINOR;
+  putWord32(header + 4, HEADER_SIZE);
+  putWord32(header + 8, out->extended ? MAGIC_EXTENDED : MAGIC_PLAIN);
+  StuffBuf(out, header, sizeof header, 1, BUF_UNTAGGED);
+}
+
+// The header again, with the length up to the cursor.
+void finishHeader(Buf *out) {
+  if (out->data == nullptr || out->size < HEADER_SIZE) return;
+  putWord32(out->data + 4, uint32_t(bufUsed(out)));
+}
+
+bool wantsExtended(const Item *item) { return item->chain != nullptr || item->typeLetter == 'd'; }
+
+}  // namespace
+
+void writeEvent(Buf *out, const Item *item) {
+  if (item->dbName != nullptr && item->dbName[0] != '\0') {
+    stuffText(out, item->dbFlag ? 'j' : 'J', item->dbName);
+  }
+  stuffShort(out, 'D', item->dWord);
+  stuffShort(out, 'U', item->uWord);
+  stuffText(out, 'T', item->title);
+  writeOwner(out, item);
+  stuffSet(out, 'W', item->calendars);
+  stuffTimeRange(out, item->timeValue);
+  const uint16_t *sets[] = {item->setY, item->setN, item->setS, item->setR,
+                            item->setC, item->setX, item->setM};
+  const char tags[] = "YNSRCXM";
+  for (int i = 0; i < 7; i++) stuffSet(out, tags[i], sets[i]);
+  writePopups(out, item);
+  writeAlarms(out, item);
+  stuffDateTime(out, item->value8);
+  writeUserTimes(out, item);
+  if (peerAtLeast(out, 2)) writeLabels(out, item);
+  writeTail(out, item);
+}
+
+void writeEventChain(Buf *out, const Item *item) {
+  for (const Item *it = item; it != nullptr; it = it->chain) writeEvent(out, it);
+}
+
+void writeEventList(Buf *out, const Item *head) {
+  for (const Item *it = head->next; it != head; it = it->next) writeEventChain(out, it);
+}
+
+bool itemNeedsExtended(const Item *item) { return item != nullptr && wantsExtended(item); }
+
+bool listNeedsExtended(const Buf *out, const Item *head) {
+  if (!peerAtLeast(out, 4)) return false;
+  for (const Item *it = head->next; it != head; it = it->next) {
+    if (wantsExtended(it)) return true;
+  }
+  return false;
+}
+
+void buildItemMessage(Buf *out, int code, const Item *item) {
+  rewindBuf(out);
+  out->extended = itemNeedsExtended(item);
+  stuffHeader(out, item != nullptr ? code : NO_ITEM_CODE);
+  if (item != nullptr) writeEventChain(out, item);
+  finishHeader(out);
+}
+
+void buildItemListMessage(Buf *out, int code, const Item *head) {
+  rewindBuf(out);
+  out->extended = listNeedsExtended(out, head);
+  stuffHeader(out, code);
+  writeEventList(out, head);
+  finishHeader(out);
+}
+
+/* ==== Reading ==================================================================== */
+
+namespace {
+
+// The reader's one-line report; every refusal is one `return refuse(...)`.
+__attribute__((format(printf, 1, 2))) int refuse(const char *fmt, ...) {
+  fputs("readEvent: ", stderr);
+  va_list ap;
+  va_start(ap, fmt);
+  vfprintf(stderr, fmt, ap);
+  va_end(ap);
+  fputc('\n', stderr);
+  return -1;
+}
+
+// The field at the cursor: its tag letter and payload length.
+struct Field {
+  char tag;      // top byte of the tag word
+  uint32_t len;  // payload bytes
+};
+
+// Peeks the field at the cursor. When no tag word is left, lets ReadBuf make its
+// overflow report and fails.
+int peekField(Buf *in, Field *f) {
+  int32_t tag = peekTag(in, &f->len);
+  if (tag == -1) {
+    uint8_t none[4];
+    ReadBuf(in, none, sizeof none, 1, 1);
+    return -1;
+  }
+  f->tag = char(uint32_t(tag) >> 24);
+  return 0;
+}
+
+// Reads a field whose payload must be exactly n bytes.
+int readExact(Buf *in, const Field &f, void *dst, size_t n, int granularity) {
+  if (f.len != n) return refuse("bad size %u for field '%c'", unsigned(f.len), f.tag);
+  return ReadBuf(in, dst, n, granularity, 1) == -1 ? -1 : 0;
+}
+
+int readNumber(Buf *in, const Field &f, int32_t *value) { return readExact(in, f, value, 4, 4); }
+
+// Reads a text into a new allocation. `what` names a limited text ("title", ...):
+// such a text may hold at most WIRE_TEXT_MAX bytes with its NUL.
+int readText(Buf *in, const Field &f, const char *what, char **out) {
+  if (what != nullptr && f.len > uint32_t(WIRE_TEXT_MAX)) {
+    return refuse("%s len too long: %d", what, int(f.len));
+  }
+  char *text = static_cast<char *>(allocMem(nullptr, f.len + 1));
+  if (text == nullptr) outOfMem("readEvent");
+  // (a zero length reads nothing and would not move the cursor: step over the word)
+  int r = f.len == 0 ? skipField(in, 4) : ReadBuf(in, text, f.len, 1, 1);
+  if (r == -1) {
+    freeMem(text);
+    return -1;
+  }
+  text[f.len] = '\0';  // the sender's NUL is not trusted
+  freeMem(*out);
+  *out = text;
+  return 0;
+}
+
+int readSet(Buf *in, const Field &f, CalSet *set) {
+  char area[NETBITS_MAX];
+  if (f.len == 0 || f.len > sizeof area) {
+    return refuse("bad size %u for field '%c'", unsigned(f.len), f.tag);
+  }
+  if (ReadBuf(in, area, f.len, 1, 1) == -1) return -1;
+  freebits(set);
+  readnetbits(area, f.len, set);
+  return 0;
+}
+
+// Peeks and requires the given tag (the fields of a group, the fixed sets).
+int expectField(Buf *in, char tag, Field *f) {
+  if (peekField(in, f) < 0) return -1;
+  if (f->tag != tag) return refuse("bad tag 0x%02x where '%c' belongs", uint8_t(f->tag), tag);
+  return 0;
+}
+
+int readTaggedSet(Buf *in, char tag, CalSet *set) {
+  Field f;
+  if (expectField(in, tag, &f) < 0) return -1;
+  return readSet(in, f, set);
+}
+
+int readTaggedNumber(Buf *in, char tag, int32_t *value) {
+  Field f;
+  if (expectField(in, tag, &f) < 0) return -1;
+  return readNumber(in, f, value);
+}
+
+// "i", "d", "r", "l": fields of older peers, stepped over whole.
+int skipOld(Buf *in, const Field &f) { return skipField(in, size_t(f.len) + 4); }
+
+bool isOldTag(char tag) { return tag == 'i' || tag == 'd' || tag == 'r' || tag == 'l'; }
+
+/* ---- Group look-ahead ----------------------------------------------------------- */
+
+// The 32-bit word at byte `offset` behind the cursor, when it lies within the buffer.
+bool wordAhead(const Buf *in, size_t offset, uint32_t *word) {
+  size_t at = bufUsed(in) + offset;
+  if (in->data == nullptr || at + 4 > in->size) return false;
+  *word = getWord32(in->data + at);
+  return true;
+}
+
+// A popup group: "p" text, then "m" and "m" numbers. value8 and what follows it (a
+// "q", "c" or "I" field) never show two "m" words at those places.
+bool popupAhead(const Buf *in) {
+  uint32_t word, m1, m2;
+  if (!wordAhead(in, 0, &word) || (word >> 24) != 'p') return false;
+  size_t at = 4 + size_t(roundUp(long(word & BUF_MAX_FIELD), 4));
+  uint32_t m = bufTag('m') | 4;
+  return wordAhead(in, at, &m1) && m1 == m && wordAhead(in, at + 8, &m2) && m2 == m;
+}
+
+// An alarm group: "a" with 12 bytes, then an "e" text. value8 could only imitate that
+// with one exact time followed by a field that, read as value8's successor, is none of
+// "q", "c", "I"; both readings are checked.
+bool alarmAhead(const Buf *in) {
+  uint32_t word, text, next;
+  if (!wordAhead(in, 0, &word) || word != (bufTag('a') | ENTRY_WIRE)) return false;
+  if (!wordAhead(in, 16, &text) || (text >> 24) != 'e') return false;
+  if (!wordAhead(in, 8, &next)) return true;
+  return next != (bufTag('q') | ENTRY_WIRE) && next != (bufTag('I') | 4) && (next >> 24) != 'c';
+}
+
+/* ---- The item reader, in its four stretches ------------------------------------- */
+
+// Before "W": any order. Returns 1 when "W" and the time value were read.
+int readHeadField(Buf *in, Item *item) {
+  Field f;
+  if (peekField(in, &f) < 0) return -1;
+  switch (f.tag) {
+    case 'J':
+    case 'j':
+      if (readText(in, f, "dbname", &item->dbName) < 0) return -1;
+      if (f.tag == 'j') item->dbFlag = 1;
+      return 0;
+    case 'D': return readExact(in, f, &item->dWord, 2, 2);
+    case 'U': return readExact(in, f, &item->uWord, 2, 2);
+    case 'T': return readText(in, f, "title", &item->title);
+    case 'O': return readNumber(in, f, &item->owner);
+    case 'f': {
+      char *name = nullptr;
+      if (readText(in, f, "orig", &name) < 0) return -1;
+      item->owner = name[0] == '\0' ? -1 : calendarIndex(name);
+      freeMem(name);
+      return 0;
+    }
+    case 'W':
+      if (readSet(in, f, &item->calendars) < 0) return -1;
+      return readTimeRange(in, &item->timeValue) < 0 ? -1 : 1;
+    default:
+      if (isOldTag(f.tag)) return skipOld(in, f);
+      return refuse("bad tag 0x%02x", uint8_t(f.tag));
+  }
+}
+
+int readSevenSets(Buf *in, Item *item) {
+  CalSet *sets[] = {&item->setY, &item->setN, &item->setS, &item->setR,
+                    &item->setC, &item->setX, &item->setM};
+  const char tags[] = "YNSRCXM";
+  for (int i = 0; i < 7; i++) {
+    if (readTaggedSet(in, tags[i], sets[i]) < 0) return -1;
+  }
+  return 0;
+}
+
+int readPopup(Buf *in, Item *item) {
+  Popup *p = addPopup(item);
+  Field f;
+  if (expectField(in, 'p', &f) < 0 || readText(in, f, "popup title", &p->title) < 0) return -1;
+  if (readTaggedNumber(in, 'm', &p->mask) < 0 || readTaggedNumber(in, 'm', &p->number) < 0) {
+    return -1;
+  }
+  if (readTaggedSet(in, 'b', &p->setS) < 0) return -1;
+  return peerAtLeast(in, 2) ? readTaggedSet(in, 'b', &p->setR) : 0;
+}
+
+int readAlarm(Buf *in, Item *item) {
+  Alarm *a = addAlarmEntry(item);
+  Field f;
+  int32_t words[3];
+  if (expectField(in, 'a', &f) < 0 || readExact(in, f, words, sizeof words, 4) < 0) return -1;
+  a->user = words[0];
+  a->start = uint32_t(words[1]);
+  a->freq = uint32_t(words[2]);
+  if (expectField(in, 'e', &f) < 0 || readText(in, f, nullptr, &a->string) < 0) return -1;
+  if (a->string[0] == '\0') {  // a single NUL: no string
+    freeMem(a->string);
+    a->string = nullptr;
+  }
+  return 0;
+}
+
+// After the time value: the seven sets, popups and alarms, then value8.
+int readMiddle(Buf *in, Item *item) {
+  if (readSevenSets(in, item) < 0) return -1;
+  for (;;) {
+    if (popupAhead(in)) {
+      if (readPopup(in, item) < 0) return -1;
+    } else if (alarmAhead(in)) {
+      if (readAlarm(in, item) < 0) return -1;
+    } else {
+      return readDateTime(in, &item->value8);
+    }
+  }
+}
+
+int readUserTime(Buf *in, const Field &f, Item *item) {
+  uint8_t bytes[ENTRY_WIRE];
+  if (readExact(in, f, bytes, sizeof bytes, 1) < 0) return -1;
+  UserTime *u = addUserTime(item);
+  u->user = int32_t(getWord32(bytes));
+  u->when = getDateTime(bytes + 4);
+  return 0;
+}
+
+int readLabel(Buf *in, const Field &f, Item *item) {
+  LabelSet *l = addLabelSet(item);
+  if (readText(in, f, nullptr, &l->label) < 0) return -1;
+  return readTaggedSet(in, 'b', &l->set);
+}
+
+// Behind value8: tagged fields in any order. Returns 1 after "z".
+int readTailField(Buf *in, Item *item) {
+  Field f;
+  int32_t n = 0;
+  if (peekField(in, &f) < 0) return -1;
+  switch (f.tag) {
+    case 'q': return readUserTime(in, f, item);
+    case 'c': return readLabel(in, f, item);
+    case 'I': return readNumber(in, f, &item->randomId);
+    case 'H': return readNumber(in, f, &item->hNumber);
+    case 'A': return readNumber(in, f, &item->aNumber);
+    case 'G': return readNumber(in, f, &item->gNumber);
+    case 'F': return readNumber(in, f, &item->fNumber);
+    case 'E': return readNumber(in, f, &item->eNumber);
+    case 'g': return readExact(in, f, &item->gFlag, 1, 1);
+    case 'k': return readExact(in, f, &item->kFlag, 1, 1);
+    case 'L':
+      if (readNumber(in, f, &n) < 0) return -1;
+      item->linkByte = uint8_t(n);
+      return 0;
+    case 'z':
+      if (readNumber(in, f, &n) < 0) return -1;
+      if (n != 0) item->linkByte = uint8_t(n);
+      return 1;
+    default:
+      if (isOldTag(f.tag)) return skipOld(in, f);
+      return refuse("bad tag 0x%02x", uint8_t(f.tag));
+  }
+}
+
+// Whether `item` continues the chain ending in `last`: a copy in another database.
+bool chainsOnto(const Item *last, const Item *item) {
+  return last->randomId == item->randomId && strcmp(last->title, item->title) == 0;
+}
+
+}  // namespace
+
+int readEvent(Buf *in, Item *item) {
+  int r;
+  while ((r = readHeadField(in, item)) == 0) {
+  }
+  if (r < 0 || readMiddle(in, item) < 0) return -1;
+  while ((r = readTailField(in, item)) == 0) {
+  }
+  return r < 0 ? -1 : 0;
+}
+
+int readEventList(Buf *in, Item *head, uint32_t end) {
+  int count = 0;
+  Item *last = nullptr;  // the last item read, list member or chained
+  Item *top = nullptr;   // the list member whose chain `last` ends
+  while (bufUsed(in) < end) {
+    Item *item = evnew();
+    int r = readEvent(in, item);
+    if (r == 0 && bufUsed(in) > end) r = refuse("item runs past the end of the message");
+    if (r < 0) {
+      evfree(item);
+      return -1;
+    }
+    if (last != nullptr && chainsOnto(last, item)) {
+      chainAppend(top, item);
+    } else {
+      evlistAppend(head, item);
+      top = item;
+      count++;
+    }
+    last = item;
+  }
+  return count;
+}
+
+int readItemMessage(Buf *in, Item *head, int *code) {
+  uint8_t header[HEADER_SIZE];
+  rewindBuf(in);
+  if (ReadBuf(in, header, sizeof header, 1, 0) == -1) return -1;
+  if (code != nullptr) *code = (header[0] << 8) | header[1];
+  in->peerMajor = header[2];
+  in->peerMinor = header[3];
+  uint32_t length = getWord32(header + 4);
+  if (length < HEADER_SIZE || length > in->size) {
+    return refuse("bad message length %u", unsigned(length));
+  }
+  return readEventList(in, head, length);
+}
+
+}  // namespace quorvel
