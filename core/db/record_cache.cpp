@@ -1,0 +1,123 @@
+// record_cache.cpp -- the record files a database has loaded: found by path, read on
+// first use and again when their time or the database's change stamp moved, written
+// back together when dirty, and dropped whole when the stamp says another process
+// wrote the database.
+#include <cerrno>
+#include <vector>
+
+#include "core/base/base.h"
+#include "core/db/context.h"
+#include "core/db/layout.h"
+#include "core/db/lock.h"
+#include "core/db/recordfile.h"
+#include "core/db/retry.h"
+
+namespace quorvel {
+
+struct RecordCache {
+  std::vector<RecordFile *> files;  // owned
+};
+
+void dropRecordCache(DbHandle *db) {
+  RecordCache *cache = db->records;
+  db->records = nullptr;
+  db->dropRecords = nullptr;
+  if (cache == nullptr) return;
+  for (RecordFile *rf : cache->files) freeRecordFile(rf);
+  delete cache;
+}
+
+static RecordCache *cacheOf(DbHandle *db) {
+  if (db->records == nullptr) {
+    db->records = new RecordCache;
+    db->dropRecords = dropRecordCache;
+  }
+  return db->records;
+}
+
+int cachedFileCount(const DbHandle *db) {
+  return db->records != nullptr ? int(db->records->files.size()) : 0;
+}
+
+RecordFile *findRecordFile(DbHandle *db, const char *path) {
+  if (db->records != nullptr)
+    for (RecordFile *rf : db->records->files)
+      if (rf->path == path) return rf;
+  if (recordDebug() > 0) logMsg("no cached file:%s\n", path);
+  return nullptr;
+}
+
+RecordFile *recordFileOf(DbHandle *db, const Item *item) {
+  if (db->records == nullptr || item == nullptr) return nullptr;
+  for (RecordFile *rf : db->records->files) {
+    auto range = rf->index.equal_range(item->randomId);
+    for (auto it = range.first; it != range.second; ++it)
+      if (it->second == item) return rf;
+  }
+  return nullptr;
+}
+
+// Another process wrote the file since it was read: its time moved.
+static bool fileMoved(const RecordFile *rf) {
+  return fileModTime(rf->path.c_str(), nullptr) != rf->mtime;
+}
+
+RecordFile *openRecordFile(DbHandle *db, const char *path) {
+  if (stampChanged(db)) refreshChangeStamp(db);  // drops the cache when another wrote
+  RecordFile *rf = findRecordFile(db, path);
+  if (rf == nullptr) {
+    rf = newRecordFile(path, db);
+    cacheOf(db)->files.push_back(rf);
+  }
+  // A dirty file keeps its unsaved changes until it is written.
+  if (!rf->loaded || (!rf->dirty && fileMoved(rf))) {
+    readRecordFile(db, rf);
+    if (db->records == nullptr) return nullptr;  // no user state: the cache is gone
+  }
+  return rf;
+}
+
+// tmprelink moves the old file aside first and fails when there is none, so a file
+// that does not exist yet (and has no saved copy) is created empty before its first
+// write.
+static void ensureTarget(const RecordFile *rf) {
+  struct stat st;
+  if (retryStat(rf->path.c_str(), &st) == 0 || errno != ENOENT) return;
+  if (retryStat((rf->path + "sav").c_str(), &st) == 0) return;
+  if (FILE *fp = Fopen(rf->path.c_str(), "a")) Fclose(fp);
+}
+
+// Writes each dirty file; sets *wrote when one was put in place.
+static int writeFiles(DbHandle *db, bool *wrote) {
+  int rc = 0;
+  for (size_t i = 0; db->records != nullptr && i < db->records->files.size(); i++) {
+    RecordFile *rf = db->records->files[i];
+    if (!rf->dirty) continue;
+    ensureTarget(rf);
+    int r = writedbfile(rf);
+    if (r == 0) r = tmprelink(rf);
+    if (r == 0) *wrote = true;
+    if (r != 0 && rc == 0) rc = r;
+  }
+  return rc;
+}
+
+int writeDirtyFiles(DbHandle *db) {
+  if (db->records == nullptr) return 0;
+  char lockPath[DB_PATH_MAX];
+  writeLockPath(lockPath, db->dir.c_str());
+  bool locks = usesLocalLocks(db);
+  if (locks) lockDatabase(lockPath);
+  bool wrote = false;
+  int rc = writeFiles(db, &wrote);
+  if (locks) unlockDatabase(lockPath);
+  if (wrote) {
+    DbHandle *previous = currentDb();
+    stampDbWrite(db);  // may make db current for the touch
+    if (mainDb() != nullptr) restoreCurrentDb();
+    else setCurrentDb(previous);
+  }
+  return rc;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,314 @@
+// record_parse.cpp -- reads record lines back: the logical-line scanner (continued
+// lines joined in place), the list header and one item at a time. It accepts every
+// line the writer produces; lines it does not know are skipped.
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/base/base.h"
+#include "core/db/record.h"
+#include "core/net/namelookup.h"
+
+namespace quorvel {
+
+/* ==== Logical lines ================================================================ */
+
+void startLineScan(LineScan *scan, char *text, size_t len) {
+  scan->pos = text;
+  scan->end = text + len;
+  scan->held = false;
+}
+
+// Joins the physical lines of one logical line into start..(returned end), moving the
+// bytes down over each removed backslash, line end and leading tab.
+static char *joinLine(LineScan *scan) {
+  char *start = scan->pos, *w = start, *r = start;
+  for (;;) {
+    char *nl = static_cast<char *>(memchr(r, '\n', size_t(scan->end - r)));
+    char *stop = nl != nullptr ? nl : scan->end;
+    size_t n = size_t(stop - r);
+    if (w != r) memmove(w, r, n);
+    w += n;
+    r = nl != nullptr ? nl + 1 : scan->end;
+    if (w > start && w[-1] == '\r') w--;
+    if (nl == nullptr || w == start || w[-1] != '\\') break;
+    w--;  // a continued line: drop the backslash and the next line's tab
+    if (r < scan->end && *r == '\t') r++;
+  }
+  scan->pos = r;
+  return w;
+}
+
+int nextRecordLine(LineScan *scan, RecordLine *line) {
+  if (scan->held) {
+    scan->held = false;
+    *line = scan->heldLine;
+    return 1;
+  }
+  while (scan->pos < scan->end) {
+    char *start = scan->pos;
+    char *stop = joinLine(scan);
+    *stop = '\0';  // the text has room for one byte past its end
+    if (stop == start) {
+      line->tag = 0;
+      line->value = stop;
+      return 1;
+    }
+    if (start[0] != '#' || stop - start < 2 || start[1] == '\0') continue;
+    line->tag = start[1];
+    line->value = stop - start >= 3 && start[2] == '\t' ? start + 3 : start + 2;
+    return 1;
+  }
+  return 0;
+}
+
+static void holdLine(LineScan *scan, const RecordLine &line) {
+  scan->held = true;
+  scan->heldLine = line;
+}
+
+/* ==== Values ======================================================================= */
+
+static char *copyValue(const char *text) {
+  size_t n = strlen(text) + 1;
+  char *copy = static_cast<char *>(allocMem(nullptr, n));
+  if (copy == nullptr) outOfMem("parseItem");
+  memcpy(copy, text, n);
+  return copy;
+}
+
+static long numberValue(const char *text) {
+  long v = strtol(text, nullptr, 0);
+  return v < INT32_MIN ? INT32_MIN : v > INT32_MAX ? INT32_MAX : v;
+}
+
+void parseNameSet(char *value, CalSet *set) {
+  if (strcmp(value, ALL_NAMES) == 0) {
+    addEveryCalendar(set);
+    return;
+  }
+  for (char *name = value; name != nullptr;) {
+    char *comma = strchr(name, ',');
+    if (comma != nullptr) *comma = '\0';
+    int i = *name != '\0' ? calendarIndex(name) : -1;
+    if (i >= 0) setbit(set, i, 1);
+    if (comma != nullptr) *comma = ',';
+    name = comma != nullptr ? comma + 1 : nullptr;
+  }
+}
+
+static int32_t ownerValue(const char *value) {
+  return strcmp(value, ALL_NAMES) == 0 ? OWNER_ALL : calendarIndex(value);
+}
+
+static bool isKindTag(char tag) { return tag == 'T' || tag == 'D' || tag == 'M' || tag == '?'; }
+
+static uint16_t kindOf(char tag) {
+  switch (tag) {
+    case 'T': return KIND_EVENT;
+    case 'D': return KIND_TODO;
+    case 'M': return KIND_REMINDER;
+    default: return 0;
+  }
+}
+
+/* ==== The list header ============================================================== */
+
+static CalSet *headerSet(Item *head, char tag) {
+  switch (tag) {
+    case 'W': return &head->calendars;
+    case 'R': return &head->setR;
+    case 'C': return &head->setC;
+    case 'Y': return &head->setY;
+    case 'N': return &head->setN;
+    case 'X': return &head->setX;
+    default: return nullptr;
+  }
+}
+
+int parseListHeader(LineScan *scan, Item *head) {
+  RecordLine line;
+  head->owner = -1;
+  head->timeValue = initTimeRange();
+  while (nextRecordLine(scan, &line)) {
+    if (isKindTag(line.tag)) {
+      holdLine(scan, line);
+      break;
+    }
+    if (line.tag == 'O') {
+      head->owner = ownerValue(line.value);
+    } else if (line.tag == 'J') {
+      freeMem(head->dbName);
+      head->dbName = copyValue(line.value);
+    } else if (line.tag == 'B' || line.tag == 'F') {
+      DateTime *dt = line.tag == 'B' ? &head->timeValue.start : &head->timeValue.end;
+      if (parseDateTime(line.value, dt, nullptr) != 0) return -1;
+    } else if (CalSet *set = headerSet(head, line.tag)) {
+      parseNameSet(line.value, set);
+    }
+  }
+  return 0;
+}
+
+void freeListHead(Item *head) {
+  evlistFree(head);
+  freeMem(head->dbName);
+  head->dbName = nullptr;
+  CalSet *sets[] = {&head->calendars, &head->setR, &head->setC,
+                    &head->setY,      &head->setN, &head->setX};
+  for (CalSet *s : sets) freebits(s);
+}
+
+/* ==== Items ======================================================================== */
+
+// The entries that later lines (S r after P, E V after A, Q after Z) belong to.
+struct ParseState {
+  const DateTime *defaults;
+  Popup *popup = nullptr;
+  Alarm *alarm = nullptr;
+  UserTime *userTime = nullptr;
+};
+
+static CalSet *itemSet(Item *item, char tag) {
+  switch (tag) {
+    case 'W': return &item->calendars;
+    case 'Y': return &item->setY;
+    case 'N': return &item->setN;
+    case 'X': return &item->setX;
+    case 'R': return &item->setR;
+    case 'C': return &item->setC;
+    default: return nullptr;
+  }
+}
+
+static int32_t *itemNumber(Item *item, char tag) {
+  switch (tag) {
+    case 'I': return &item->randomId;
+    case 'H': return &item->hNumber;
+    case 'd': return &item->aNumber;
+    case 'f': return &item->fNumber;
+    case 's': return &item->gNumber;
+    case 'e': return &item->eNumber;
+    default: return nullptr;
+  }
+}
+
+static void parsePopupLine(Item *item, char *value, ParseState *st) {
+  st->popup = addPopup(item);
+  char *blank = strrchr(value, ' ');
+  if (blank != nullptr) {
+    *blank = '\0';
+    st->popup->mask = int32_t(strtoul(blank + 1, nullptr, 16));
+  }
+  st->popup->title = copyValue(value);
+}
+
+static void parseAlarmLine(Item *item, const char *value, ParseState *st) {
+  st->alarm = addAlarmEntry(item);
+  st->alarm->user = -1;
+  char *rest = nullptr;
+  st->alarm->start = uint32_t(strtol(value, &rest, 10));
+  if (rest != nullptr && *rest == ',') st->alarm->freq = uint32_t(strtol(rest + 1, nullptr, 10));
+}
+
+static void parseAlarmUser(char *value, ParseState *st) {
+  if (st->alarm == nullptr) return;
+  CalSet user = nullptr;
+  parseNameSet(value, &user);
+  for (int i = 0; i < setBitCount(user); i++)
+    if (testbit(user, i)) {
+      st->alarm->user = i;
+      break;
+    }
+  freebits(&user);
+}
+
+static void parseLabelLine(Item *item, char *value) {
+  LabelSet *k = addLabelSet(item);
+  char *colon = strchr(value, ':');
+  if (colon != nullptr) {
+    *colon = '\0';
+    parseNameSet(colon + 1, &k->set);
+  }
+  k->label = copyValue(value);
+}
+
+// The lines that belong to an item's lists and entries.
+static void parseEntryLine(Item *item, const RecordLine &line, ParseState *st) {
+  switch (line.tag) {
+    case 'P': parsePopupLine(item, line.value, st); break;
+    case 'S': if (st->popup) parseNameSet(line.value, &st->popup->setS); break;
+    case 'r': if (st->popup) parseNameSet(line.value, &st->popup->setR); break;
+    case 'A': parseAlarmLine(item, line.value, st); break;
+    case 'E':
+      if (st->alarm != nullptr) {
+        freeMem(st->alarm->string);
+        st->alarm->string = copyValue(line.value);
+      }
+      break;
+    case 'V': parseAlarmUser(line.value, st); break;
+    case 'Z':
+      st->userTime = addUserTime(item);
+      st->userTime->user = calendarIndex(line.value);
+      st->userTime->when = initDateTime();
+      break;
+    case 'Q':
+      if (st->userTime != nullptr) parseDateTime(line.value, &st->userTime->when, st->defaults);
+      break;
+    case 'K': parseLabelLine(item, line.value); break;
+    default: break;  // unknown tags and the G line are skipped
+  }
+}
+
+static void parseItemLine(Item *item, const RecordLine &line, ParseState *st) {
+  if (isKindTag(line.tag)) {
+    item->dWord = kindOf(line.tag);
+    evsetTitle(item, line.value);
+  } else if (line.tag == 'B' || line.tag == 'F') {
+    DateTime *dt = line.tag == 'B' ? &item->timeValue.start : &item->timeValue.end;
+    if (parseDateTime(line.value, dt, st->defaults) != 0) *dt = initDateTime();
+  } else if (line.tag == 'J' || line.tag == 'j') {
+    evsetDbName(item, line.value);
+    item->dbFlag = line.tag == 'j';
+  } else if (CalSet *set = itemSet(item, line.tag)) {
+    parseNameSet(line.value, set);
+  } else if (int32_t *number = itemNumber(item, line.tag)) {
+    *number = int32_t(numberValue(line.value));
+  } else if (line.tag == 'O') {
+    item->owner = ownerValue(line.value);
+  } else if (line.tag == 'U') {
+    item->uWord = uint16_t(numberValue(line.value));
+  } else if (line.tag == 'L') {
+    item->linkByte = uint8_t(numberValue(line.value));
+  } else {
+    parseEntryLine(item, line, st);
+  }
+}
+
+Item *parseItem(LineScan *scan, const DateTime *defaults) {
+  RecordLine line;
+  do {
+    if (!nextRecordLine(scan, &line)) return nullptr;
+  } while (line.tag == 0);
+  Item *item = evnew();
+  // A number line is written only when its field is set, so a missing one means unset.
+  item->randomId = -1;
+  item->hNumber = item->gNumber = NO_TIME;
+  ParseState st;
+  st.defaults = defaults;
+  bool sawKind = false;
+  do {
+    if (isKindTag(line.tag)) {
+      if (sawKind) {  // the next item began without an empty line before it
+        holdLine(scan, line);
+        break;
+      }
+      sawKind = true;
+    }
+    parseItemLine(item, line, &st);
+  } while (nextRecordLine(scan, &line) && line.tag != 0);
+  return item;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,7 @@
+# Record files: the text form of items, the reader, the atomic rewrite and the cache.
+target_sources(qv_db PRIVATE
+  ${CMAKE_CURRENT_LIST_DIR}/record_write.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/record_parse.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/record_read.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/recordfile.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/record_cache.cpp)
