@@ -272,7 +272,7 @@ static void serveConnection(SampleAgent *agent, int fd) {
   bool ok = readRequest(agent, fd, &query);
   AgentScript script = takeScript(agent, ok ? &query : nullptr);
   if (!ok) return;
-  fprintf(stderr, "sample_agent: request %s\n", query.c_str());
+  if (agent->announce) fprintf(stderr, "sample_agent: request %s\n", query.c_str());
   switch (script.mode) {
     case AgentMode::CloseEarly: return;
     case AgentMode::Silent: holdUntilClosed(agent, fd); return;
@@ -293,6 +293,10 @@ int agentListen(SampleAgent *agent, int port) {
   if (agent->listenFd < 0) return errno;
   int one = 1;
   setsockopt(agent->listenFd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  // Set on the listening socket so accepted connections start with a small window.
+  if (agent->receiveBuffer > 0)
+    setsockopt(agent->listenFd, SOL_SOCKET, SO_RCVBUF, &agent->receiveBuffer,
+               sizeof agent->receiveBuffer);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -81,6 +81,8 @@ struct AgentScript {
 // A running agent. Start it, queue scripts, run requests against port, stop it.
 struct SampleAgent {
   int listenFd = -1;             // bound to 127.0.0.1:port
+  bool announce = false;         // print "sample_agent: request <query>" on stderr
+  int receiveBuffer = 0;         // set before agentListen: SO_RCVBUF of connections (0 = default)
   int port = 0;                  // the TCP port actually bound
   int stopPipe[2] = {-1, -1};    // a byte here ends every wait of the serving thread
   std::thread thread;            // runs agentServe when started by agentStart

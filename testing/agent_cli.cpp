@@ -100,6 +100,7 @@ int sampleAgentMain(int argc, char **argv) {
   }
   signal(SIGPIPE, SIG_IGN);
   SampleAgent agent;
+  agent.announce = true;
   agentPush(&agent, o.script);
   if (int err = agentListen(&agent, o.port); err != 0) {
     fprintf(stderr, "sample_agent: cannot listen on 127.0.0.1 port %d: %s\n", o.port, strerror(err));
