@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "core/base/base.h"
+#include "core/catalog/catalog.h"
 #include "core/db/retry.h"
 
 namespace quorvel {
@@ -42,10 +43,7 @@ static const bool shortNames = false;
 /* ---- Catalogue texts ------------------------------------------------------------------ */
 
 const char *dbText(int set, int number, const char *def) {
-  // The catalogue is consulted once core/catalog is linked; until then the defaults.
-  (void)set;
-  (void)number;
-  return def;
+  return catText(set, number, def);
 }
 
 /* ---- Path table and roots ------------------------------------------------------------- */
