@@ -1,0 +1,27 @@
+// Fuzz target: arbitrary bytes as a calendar-bits field, read with readnetbits; the set
+// must have the count the field gave and survive writenetbits and a second read.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <vector>
+
+#include "core/net/calset.h"
+
+using namespace quorvel;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  std::vector<char> in(data, data + size);
+  CalSet set = nullptr;
+  int bytes = readnetbits(in.data(), in.size(), &set);
+  if (set != nullptr) {
+    if (bytes != setByteSize(set) || bytes > NETBITS_MAX) abort();
+    std::vector<char> out(NETBITS_MAX);
+    if (writenetbits(out.data(), out.size(), set) != bytes) abort();
+    CalSet back = nullptr;
+    if (readnetbits(out.data(), size_t(bytes), &back) != bytes) abort();
+    if (!setsEqual(set, back) || setBitCount(back) != setBitCount(set)) abort();
+    freebits(&back);
+  }
+  freebits(&set);
+  return 0;
+}
