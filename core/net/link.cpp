@@ -173,8 +173,13 @@ static int tryConnect(int fd, const sockaddr_in *sa, int timeoutSeconds) {
   FD_SET(fd, &wr);
   timeval tv{timeoutSeconds, 0};
   int r = select(fd + 1, nullptr, &wr, nullptr, &tv);
-  if (r > 0) return 0;
-  return r == 0 ? ETIMEDOUT : errno;
+  if (r == 0) return ETIMEDOUT;
+  if (r < 0) return errno;
+  // Writable also means a refused connection; its error is waiting in SO_ERROR.
+  int err = 0;
+  socklen_t len = sizeof err;
+  if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) < 0) return errno;
+  return err;
 }
 
 int makeConnection(ServerLink *link) {
