@@ -63,7 +63,9 @@ static bool fileMoved(const RecordFile *rf) {
 }
 
 RecordFile *openRecordFile(DbHandle *db, const char *path) {
-  if (stampChanged(db)) refreshChangeStamp(db);  // drops the cache when another wrote
+  // The stamp is read on first use (creating it when missing) and whenever it moved;
+  // a move made by another process drops the cache.
+  if (!db->inMemoryOnly && (db->lastSeenStamp == NO_TIME || stampChanged(db))) refreshChangeStamp(db);
   RecordFile *rf = findRecordFile(db, path);
   if (rf == nullptr) {
     rf = newRecordFile(path, db);
