@@ -100,17 +100,22 @@ void seekBuf(Buf *buf, size_t offset) {
 
 /* ---- Growth ------------------------------------------------------------------- */
 
-void growBuf(Buf *buf, size_t n) {
+// Grows by n bytes, zeroing the new ones except those below `written` (an offset the
+// caller is about to fill), so that a large field is not written twice.
+static void growZeroingFrom(Buf *buf, size_t n, size_t written) {
   if (n == 0 || n > BUF_MAX_GROWTH) return;
   if (uint64_t(buf->size) + n > UINT32_MAX) return;  // size is a 32-bit count
   size_t used = bufUsed(buf);
   uint8_t *data = static_cast<uint8_t *>(allocMem(buf->data, buf->size + n));
   if (data == nullptr) outOfMem("growBuf");
-  memset(data + buf->size, 0, n);
+  size_t from = written > buf->size ? written : buf->size;
+  if (from < buf->size + n) memset(data + from, 0, buf->size + n - from);
   buf->data = data;
   buf->size += uint32_t(n);
   buf->cursor = data + used;
 }
+
+void growBuf(Buf *buf, size_t n) { growZeroingFrom(buf, n, 0); }
 
 void reserveBuf(Buf *buf, size_t n) {
   if (n > buf->size) growBuf(buf, size_t(roundUp(long(n), BUF_BLOCK)));
@@ -151,8 +156,14 @@ void StuffBuf(Buf *buf, const void *src, size_t nbytes, int granularity, uint32_
   if (nbytes == 0) return;
   bool tagged = tag != BUF_UNTAGGED;
   size_t need = size_t(roundUp(long(nbytes) + (tagged ? 4 : 0), 4));
-  if (need > buf->size - bufUsed(buf)) growBuf(buf, size_t(roundUp(long(need), BUF_BLOCK)));
-  if (granularity <= 0 || nbytes % size_t(granularity) != 0) {
+  bool badSize = granularity <= 0 || nbytes % size_t(granularity) != 0;
+  if (need > buf->size - bufUsed(buf)) {
+    // (the tag word and payload are written right after; the pad bytes are zeroed)
+    bool copies = !badSize && (granularity == 1 || granularity == 2 || granularity == 4);
+    size_t written = copies ? bufUsed(buf) + (tagged ? 4 : 0) + nbytes : 0;
+    growZeroingFrom(buf, size_t(roundUp(long(need), BUF_BLOCK)), written);
+  }
+  if (badSize) {
     fprintf(stderr, "StuffBuf: bad size: %d, granularity: %d\n", int(nbytes), granularity);
     return;
   }

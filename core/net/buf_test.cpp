@@ -87,6 +87,14 @@ TEST(StuffBuf, BadGranularityReportsAndWritesNothing) {
   EXPECT_EQ(bufUsed(b.get()), used);
   EXPECT_EQ(std::vector<uint8_t>(bufData(b.get()), bufData(b.get()) + bufSize(b.get())), before);
 
+  // A granularity the copy does not know writes the tag word and leaves zeros.
+  BufPtr g = newBuf();
+  StuffBuf(g.get(), "abcdef", 6, 3, bufTag('Q'));
+  EXPECT_EQ(bufUsed(g.get()), 12u);
+  EXPECT_EQ(wordAt(g.get(), 0), 0x51000006u);
+  EXPECT_EQ(wordAt(g.get(), 4), 0u);
+  EXPECT_EQ(wordAt(g.get(), 8), 0u);
+
   // Nothing at all for an empty payload, tagged or not.
   StuffBuf(b.get(), "", 0, 1, bufTag('T'));
   StuffBuf(b.get(), "", 0, 1, BUF_UNTAGGED);
@@ -98,6 +106,8 @@ TEST(GrowBuf, GrowsInBlocksAndKeepsTheCursor) {
   StuffBuf(b.get(), "abc", 3, 1, bufTag('T'));
   EXPECT_EQ(bufSize(b.get()), 3996u);
   EXPECT_EQ(bufUsed(b.get()), 8u);
+  // Everything the field did not fill is zero: its pad byte and the rest of the block.
+  for (size_t i = 7; i < bufSize(b.get()); i++) ASSERT_EQ(*bufAt(b.get(), i), 0) << i;
 
   // Filling the first block exactly does not grow; one more field does, by one block.
   std::string fill(3996 - 8 - 4, 'x');
