@@ -512,9 +512,10 @@ int readEventList(Buf *in, Item *head, uint32_t end) {
 }
 
 int readItemMessage(Buf *in, Item *head, int *code) {
-  uint8_t header[HEADER_SIZE];
-  rewindBuf(in);
-  if (ReadBuf(in, header, sizeof header, 1, 0) == -1) return -1;
+  // (taken straight from the storage: ReadBuf's fit test wants 4 bytes more than a
+  // header, which a message of code 55 alone does not have)
+  if (in->data == nullptr || in->size < HEADER_SIZE) return refuse("no message header");
+  const uint8_t *header = in->data;
   if (code != nullptr) *code = (header[0] << 8) | header[1];
   in->peerMajor = header[2];
   in->peerMinor = header[3];
@@ -522,6 +523,7 @@ int readItemMessage(Buf *in, Item *head, int *code) {
   if (length < HEADER_SIZE || length > in->size) {
     return refuse("bad message length %u", unsigned(length));
   }
+  in->cursor = in->data + HEADER_SIZE;
   return readEventList(in, head, length);
 }
 

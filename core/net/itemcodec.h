@@ -96,7 +96,9 @@ int readEvent(Buf *in, Item *item);
 int readEventList(Buf *in, Item *head, uint32_t end);
 
 // Reads a whole item message (header included) into the list at `head`: the body
-// runs to the length given in the header. Returns the number of items, or -1.
+// runs to the length given in the header, whose version (the sender's) is kept in the
+// buffer as the peer's and decides which gated fields the items carry. The code goes
+// to *code when given. Returns the number of items, or -1.
 int readItemMessage(Buf *in, Item *head, int *code);
 
 }  // namespace quorvel

@@ -491,6 +491,15 @@ TEST_F(CodecTest, SingleItemMessagesAndTheirExtendedRule) {
   EXPECT_EQ(h.length, 12u);
   EXPECT_EQ(bufUsed(buf), 12u);
   EXPECT_EQ(h.magic, 0xDEADBEEFu);
+  Item head;
+  evlistInit(&head);
+  int code = 0;
+  uint32_t storage = buf->size;
+  buf->size = 12;  // received with nothing behind the header
+  EXPECT_EQ(readItemMessage(buf, &head, &code), 0);
+  EXPECT_EQ(code, 55);
+  EXPECT_TRUE(evlistEmpty(&head));
+  buf->size = storage;
 
   Item *item = fullItem();
   buildItemMessage(buf, 103, item);
@@ -512,9 +521,6 @@ TEST_F(CodecTest, SingleItemMessagesAndTheirExtendedRule) {
   chainAppend(item, copy);
   buildItemMessage(buf, 103, item);
   EXPECT_EQ(headerOf(buf).magic, 0xBABEFACEu);
-  Item head;
-  evlistInit(&head);
-  int code = 0;
   EXPECT_EQ(readItemMessage(buf, &head, &code), 1);
   EXPECT_EQ(code, 103);
   ASSERT_EQ(evlistCount(&head), 1);
@@ -561,7 +567,7 @@ TEST_F(CodecTest, ListMessagesExtendOnlyForPeersThatTakeThem) {
 TEST_F(CodecTest, ListMessagesRoundTripWithTheirChains) {
   Item head;
   evlistInit(&head);
-  const char *titles[] = {"standup", "lunch", "standup"};  // same title, other id
+  const char *titles[] = {"standup", "standup", "lunch"};  // same title, other id
   for (int i = 0; i < 3; i++) {
     Item *it = fullItem();
     evsetTitle(it, titles[i]);
