@@ -9,3 +9,13 @@ target_sources(qv_db PRIVATE
 qv_test(qv_record_test
   SOURCES record_write_test.cpp record_read_test.cpp recordfile_test.cpp record_test_util.cpp db_test_util.cpp
   LIBS qv_db)
+
+# Failure paths of the rewrite: rename, unlink, stat and fsync are interposed at link
+# time by the __wrap_ functions of recordfile_wrap_test.cpp.
+qv_test(qv_record_wrap_test
+  SOURCES recordfile_wrap_test.cpp record_test_util.cpp db_test_util.cpp
+  LIBS qv_db)
+if(TARGET qv_record_wrap_test)
+  target_link_options(qv_record_wrap_test PRIVATE
+    "LINKER:--wrap=rename,--wrap=unlink,--wrap=stat,--wrap=fsync")
+endif()
