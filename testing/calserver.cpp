@@ -108,6 +108,7 @@ static std::vector<uint8_t> buildReply(const CalStep &step, int requestCode) {
     msg.insert(msg.end(), f.payload.begin(), f.payload.end());
     while (msg.size() % 4) msg.push_back(0);
   }
+  msg.insert(msg.end(), step.raw.begin(), step.raw.end());
   uint16_t code = htons(static_cast<uint16_t>(step.code ? step.code : requestCode + 100));
   memcpy(msg.data(), &code, 2);
   msg[2] = static_cast<uint8_t>(step.major);

@@ -59,6 +59,7 @@ struct CalStep {
   uint32_t magic = 0xDEADBEEF;   // magic of the reply header
   bool zeroLength = false;       // announce a length of 0 in the header
   std::vector<CalField> fields;  // the reply's fields behind the header
+  std::vector<uint8_t> raw;      // bytes sent as they are behind the fields (counted)
   int cutBytes = 6;              // CAL_TRUNCATE: bytes actually sent
   int extraBytes = 8;            // CAL_OVERLONG: bytes sent beyond the length
   int delayMs = 0;               // wait this long before answering
