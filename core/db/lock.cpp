@@ -83,10 +83,10 @@ int stampChanged(const DbHandle *db) {
 
 int checkStampFile(const char *root) {
   char path[DB_PATH_MAX];
-  snprintf(path, sizeof path, "%sdb/database/locks", root);
+  int len = snprintf(path, sizeof path, "%sdb/database/locks", root);
+  if (len < 0 || static_cast<size_t>(len) + sizeof "/active1" > sizeof path) return 0;
   if (!isDir(path)) return 0;
-  size_t len = strlen(path);
-  snprintf(path + len, sizeof path - len, "/active1");
+  memcpy(path + len, "/active1", sizeof "/active1");
   if (fileChangeTime(path) == NO_TIME)
     retryCreat(path, 0644);  // (kept open for the life of the process, on purpose)
   return 1;
