@@ -29,7 +29,9 @@ static char *takeQuery() {
   return query;
 }
 
-// Sends the query as the one unnamed pair. Returns false after the error page.
+// Sends the query as the one unnamed pair; the query is released with the request
+// list either way, before the possibly long wait for the reply. Returns false after the
+// error page.
 static bool sendQuery(int sock, char *query, const char *host) {
   NamePair *request = newPairList(2);
   request[0].name = static_cast<char *>(allocMem(nullptr, 1));
@@ -38,16 +40,33 @@ static bool sendQuery(int sock, char *query, const char *host) {
   request[0].contents = query;
   // A positive result (an errno from the socket layer) is not a failure here: the
   // reply read that follows decides.
-  if (WebSockWrite(sock, SEND_TIMEOUT, request) < 0) {
-    errorPage(localMsg(3, "Write failed to Quorvel web agent on host %s"), host);
-    return false;
+  bool sent = WebSockWrite(sock, SEND_TIMEOUT, request) >= 0;
+  freePairList(request);
+  if (!sent) errorPage(localMsg(3, "Write failed to Quorvel web agent on host %s"), host);
+  return sent;
+}
+
+// Connects, sends the query (released here) and reads the reply. Returns the reply's
+// pairs with *sock open, or null after the error page.
+static NamePair *exchangeWithAgent(const char *host, int port, char *query, int *count,
+                                   int *sock) {
+  *sock = makeConnection(host, port);
+  if (*sock < 0) {
+    errorPage(localMsg(2, "Cannot connect to Quorvel web agent on host %s"), host);
+    freeMem(query);
+    return nullptr;
   }
-  // The query (the request's contents) is released now, before the possibly long wait
-  // for the reply.
-  freeMem(request[0].name);
-  freeMem(query);
-  freeMem(request);
-  return true;
+  if (!sendQuery(*sock, query, host)) return nullptr;
+  char *buffer = nullptr;
+  NamePair *pairs = nullptr;
+  // A positive result is an errno from the socket layer: the count and list are not
+  // set then, so it fails the request like a negative one.
+  if (readAgentReply(*sock, READ_TIMEOUT, &buffer, count, &pairs, 1) != 0) {
+    errorPage(localMsg(4, "Read failed from Quorvel web agent on host %s"), host);
+    freePairList(pairs);
+    return nullptr;
+  }
+  return pairs;
 }
 
 // Files first (after emptying tmp/ when the reply holds more than the page), the page
@@ -60,10 +79,9 @@ static void placeReply(const NamePair *pairs, int count) {
     if (p->name[0] == '\0') writeStdout(p->contents);
 }
 
-int runRequest(int argc, char **argv) {
-  scanPutOption(argc, argv);
-  char *query = takeQuery();
-  // Each value is copied: the static value area is reused by the next lookup.
+// Copies "log", "rpt" and "lan" into the page values; each stays null when missing.
+// Each value is copied at once: the static value area is reused by the next lookup.
+static void takePageValues(const char *query) {
   std::string login, icons, lang;
   const char *v;
   bool hasLogin = (v = getQueryValue(query, "log")) != nullptr;
@@ -74,34 +92,27 @@ int runRequest(int argc, char **argv) {
   if (hasLang) lang = v;
   setPageValues(hasLogin ? login.c_str() : nullptr, hasIcons ? icons.c_str() : nullptr,
                 hasLang ? lang.c_str() : nullptr);
+}
 
+int runRequest(int argc, char **argv) {
+  scanPutOption(argc, argv);
+  char *query = takeQuery();
+  takePageValues(query);
   int port = 0;
   char *host = getAgentHost(query, &port);
   if (!host) {
     errorPage(localMsg(1, "Cannot find host name in query %s"), query);
+    freeMem(query);
     return FAILED;
   }
-  int sock = makeConnection(host, port);
-  if (sock < 0) {
-    errorPage(localMsg(2, "Cannot connect to Quorvel web agent on host %s"), host);
-    return FAILED;
-  }
-  if (!sendQuery(sock, query, host)) return FAILED;
-
-  char *buffer = nullptr;
-  int count = 0;
-  NamePair *pairs = nullptr;
-  // A positive result is an errno from the socket layer: the count and list are not
-  // set then, so it fails the request like a negative one.
-  if (readAgentReply(sock, READ_TIMEOUT, &buffer, &count, &pairs, 1) != 0) {
-    errorPage(localMsg(4, "Read failed from Quorvel web agent on host %s"), host);
-    return FAILED;
-  }
-  placeReply(pairs, count);
+  int count = 0, sock = -1;
+  NamePair *pairs = exchangeWithAgent(host, port, query, &count, &sock);
+  bool replied = pairs != nullptr;
+  if (replied) placeReply(pairs, count);
   freePairList(pairs);
   freeMem(host);
   closeSocket(sock);
-  return 0;
+  return replied ? 0 : FAILED;
 }
 
 void resetGateway() {
