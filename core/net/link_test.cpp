@@ -4,10 +4,13 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -351,6 +354,56 @@ TEST_F(LinkTest, NeverConnectedServerCannotBeConnected) {
   link->lossShown = false;
   reportLinkLoss(link, LINK_NO_SERVER);
   EXPECT_EQ(shown.size(), 1u);
+}
+
+// A loopback listener whose accept queue is already full, so that further connection
+// attempts stay pending; returns its socket and the address to reach it.
+int fullListener(std::string *address, int *filler) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(fd, 0) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) != 0)
+    return -1;
+  *filler = socket(AF_INET, SOCK_STREAM, 0);
+  if (connect(*filler, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) return -1;
+  *address = "127.0.0.1:" + std::to_string(ntohs(a.sin_port) - 3751);
+  return fd;
+}
+
+TEST_F(LinkTest, PendingConnectIsRetriedWithPausesOfTheTimeOut) {
+  std::string address;
+  int filler = -1;
+  int fd = fullListener(&address, &filler);
+  ASSERT_GE(fd, 0);
+  ServerLink *slow = newServerLink(address.c_str());
+  slow->timeout = 0;  // each select gives up at once; the pauses still come through the seam
+  slow->retries = 2;
+  EXPECT_EQ(makeConnection(slow), -1);
+  EXPECT_EQ(errno, ETIMEDOUT);
+  EXPECT_EQ(pauses, (std::vector<unsigned>{0, 0, 0}));
+  EXPECT_FALSE(slow->connectedBefore);
+
+  pauses.clear();
+  setNoWaitMode(true);
+  EXPECT_EQ(makeConnection(slow), -1);
+  EXPECT_TRUE(pauses.empty());  // no-wait: one attempt
+  freeServerLink(slow);
+  close(filler);
+  close(fd);
+}
+
+TEST_F(LinkTest, UnknownHostFailsWithENOENT) {
+  ServerLink *nowhere = newServerLink("no-such-host.invalid:3");
+  EXPECT_EQ(makeConnection(nowhere), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(SendMsgToServer(nowhere), LINK_GENERAL);  // nothing built: refused first
+  startRequest(nowhere, 105);
+  finishMessage(nowhere->req);
+  EXPECT_EQ(SendMsgToServer(nowhere), LINK_NO_SERVER);
+  freeServerLink(nowhere);
 }
 
 /* ---- The hand-shake --------------------------------------------------------------- */
