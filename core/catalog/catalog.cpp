@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <unordered_map>
 #include <vector>
 
@@ -24,8 +25,13 @@ constexpr int kLineMax = 1024;              // a line holds at most 1023 charact
 constexpr int64_t kDenseSets = 1 << 16;     // sets below this index live in a vector
 const char *const kCodes[kSlots] = {"En_US", "De", "Es", "Fr", "No", "It"};
 
+struct FreeText {
+  void operator()(char *p) const { freeMem(p); }
+};
+using OwnedText = std::unique_ptr<char, FreeText>;
+
 struct CatSet {
-  std::vector<char *> texts;  // message m is texts[m - 1]; each an owned copy
+  std::vector<OwnedText> texts;  // message m is texts[m - 1]; each an owned copy
 };
 
 struct CatSlot {
@@ -41,6 +47,7 @@ CatSlot slots[kSlots];
 int slotIndex;
 std::string language;   // current language; set by catsetlang
 bool haveLanguage;      // whether a language is set at all
+int languageSlot;       // catLanguageIndex of the current language, kept by catsetlang
 std::string handleName; // copy of the last catopen name
 bool opened;            // whether catopen ran
 void *closeBlock;       // the block catclose frees; nothing ever sets it
@@ -162,16 +169,8 @@ void readCatalogFile(CatSlot &s, FILE *f) {
       freeMem(text);
       continue;
     }
-    makeSet(s, node).texts.push_back(text);
+    makeSet(s, node).texts.emplace_back(text);
   }
-}
-
-void freeSlot(CatSlot &s) {
-  for (CatSet &set : s.dense)
-    for (char *t : set.texts) freeMem(t);
-  for (auto &kv : s.sparse)
-    for (char *t : kv.second.texts) freeMem(t);
-  s = CatSlot();
 }
 
 }  // namespace
@@ -199,7 +198,7 @@ const char *catopen(const char *name) {
 }
 
 const char *catgets(const char *handle, int set, int number, const char *def) {
-  slotIndex = catLanguageIndex(haveLanguage ? language.c_str() : nullptr);
+  slotIndex = languageSlot;
   if (!handle) return def;
   const char *off = getenv("NOQUORVELCATGETS");
   if (off && strcmp(off, "TRUE") == 0) return def;
@@ -211,7 +210,7 @@ const char *catgets(const char *handle, int set, int number, const char *def) {
   if (!cs || cs->texts.empty()) return def;
   size_t mi = number < 1 ? 0 : static_cast<size_t>(number) - 1;
   if (mi >= cs->texts.size()) return def;
-  return cs->texts[mi];
+  return cs->texts[mi].get();
 }
 
 int catclose(const char *) {
@@ -233,6 +232,7 @@ const char *catText(int set, int number, const char *def) {
 void catsetlang(const char *code) {
   haveLanguage = code != nullptr;
   language = code ? code : "";
+  languageSlot = catLanguageIndex(code);
 }
 
 const char *catgetlang() { return haveLanguage ? language.c_str() : nullptr; }
@@ -247,10 +247,11 @@ int catLanguageIndex(const char *code) {
 /* ---- Tests -------------------------------------------------------------------- */
 
 void resetCatalog() {
-  for (CatSlot &s : slots) freeSlot(s);
+  for (CatSlot &s : slots) s = CatSlot();
   slotIndex = 0;
   language.clear();
   haveLanguage = false;
+  languageSlot = 0;
   handleName.clear();
   opened = false;
 }

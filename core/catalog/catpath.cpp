@@ -57,8 +57,8 @@ void catpath(std::string &out, const char *locale, const char *name) {
     }
   }
   // printf's rendering of an absent locale is kept: the path names "(null)".
-  if (!substituted) out += std::string("/") + (locale ? locale : "(null)");
-  out += "/" + resolveRootPath(file);
+  if (!substituted) out.append("/").append(locale ? locale : "(null)");
+  out.append("/").append(resolveRootPath(file));
 }
 
 }  // namespace quorvel

@@ -1,12 +1,12 @@
-// nametable.cpp -- the calendar-name table of a context (rows by index, a hash map by
-// name), the name lookup it offers core/net, and the per-calendar texts read from it.
+// nametable.cpp -- the calendar-name table of a context (rows by index, an open-addressing
+// hash map by name), the name lookup it offers core/net, and the per-calendar texts read from it.
 #include "core/db/context.h"
 #include "core/net/namelookup.h"
 #include "core/people/users.h"
 
+#include <cstdint>
 #include <cstring>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace quorvel {
@@ -18,12 +18,47 @@ struct NameRow {
   std::string display;  // display name
 };
 
+// The hash map is open addressing over a power-of-two array of (hash, row) pairs, so a
+// lookup touches one small contiguous area and at most one row per full-hash match.
+struct NameSlot {
+  uint32_t hash;  // hash of the row's name
+  int32_t row;    // index into rows, -1 for an empty slot
+};
+
 struct NameTable {
-  std::vector<NameRow> rows;                   // calendar index -> row
-  std::unordered_map<std::string, int> index;  // calendar name -> index
+  std::vector<NameRow> rows;    // calendar index -> row
+  std::vector<NameSlot> slots;  // name -> index; size a power of two, at most half full
 };
 
 namespace {
+
+uint32_t nameHash(const char *s) {  // FNV-1a
+  uint32_t h = 2166136261u;
+  for (; *s; s++) h = (h ^ static_cast<unsigned char>(*s)) * 16777619u;
+  return h;
+}
+
+// The slot holding name, or the empty slot where it would go.
+NameSlot &probe(NameTable *t, const char *name, uint32_t h) {
+  size_t mask = t->slots.size() - 1;
+  for (size_t i = h & mask;; i = (i + 1) & mask) {
+    NameSlot &s = t->slots[i];
+    if (s.row < 0) return s;
+    if (s.hash == h && t->rows[s.row].name == name) return s;
+  }
+}
+
+void growSlots(NameTable *t, size_t want) {
+  size_t n = 16;
+  while (n < want * 2) n *= 2;
+  if (n <= t->slots.size()) return;
+  t->slots.assign(n, NameSlot{0, -1});
+  for (size_t r = 0; r < t->rows.size(); r++) {
+    const char *name = t->rows[r].name.c_str();
+    uint32_t h = nameHash(name);
+    probe(t, name, h) = NameSlot{h, static_cast<int32_t>(r)};
+  }
+}
 
 DbHandle *pick(DbHandle *ctx) { return ctx ? ctx : currentDb(); }
 
@@ -59,19 +94,20 @@ int addCalendarName(DbHandle *ctx, const char *name, const char *login, const ch
                     const char *display) {
   NameTable *t = tableOf(ctx, true);
   if (!t || !name) return -1;
-  auto found = t->index.find(name);
-  if (found != t->index.end()) return found->second;
+  growSlots(t, t->rows.size() + 1);
+  uint32_t h = nameHash(name);
+  NameSlot &slot = probe(t, name, h);
+  if (slot.row >= 0) return slot.row;
   int i = static_cast<int>(t->rows.size());
   t->rows.push_back({name, orEmpty(login), orEmpty(mail), orEmpty(display)});
-  t->index.emplace(name, i);
+  slot = NameSlot{h, i};
   return i;
 }
 
 int lookupCalendar(DbHandle *ctx, const char *name) {
   NameTable *t = tableOf(ctx, false);
-  if (!t || !name) return -1;
-  auto found = t->index.find(name);
-  return found == t->index.end() ? -1 : found->second;
+  if (!t || !name || t->slots.empty()) return -1;
+  return probe(t, name, nameHash(name)).row;
 }
 
 int calendarTableSize(DbHandle *ctx) {
@@ -112,10 +148,10 @@ void rebuildNameTable(DbHandle *ctx, const UserList *list) {
   NameTable *t = tableOf(ctx, true);
   if (!t) return;
   t->rows.clear();
-  t->index.clear();
+  t->slots.clear();
   if (!list) return;
   t->rows.reserve(list->count);
-  t->index.reserve(list->count);
+  growSlots(t, list->count);
   for (int i = 0; i < list->count; i++) {
     const UserEntry &e = list->entries[i];
     addCalendarName(ctx, e.name, e.login, e.mailAddress, e.displayName);

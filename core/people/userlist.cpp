@@ -22,9 +22,13 @@ char *copyText(const char *s) {
 
 void growList(UserList *list) {
   int32_t cap = list->capacity + kListStep;
-  void *p = allocMem(list->entries, sizeof(UserEntry) * cap);
-  if (!p) outOfMem("AddUser");
-  list->entries = static_cast<UserEntry *>(p);
+  if (cap > list->allocated) {
+    int32_t block = list->allocated < kListStep ? kListStep : list->allocated * 2;
+    void *p = allocMem(list->entries, sizeof(UserEntry) * block);
+    if (!p) outOfMem("AddUser");
+    list->entries = static_cast<UserEntry *>(p);
+    list->allocated = block;
+  }
   for (int32_t i = list->capacity; i < cap; i++) {
     list->entries[i] = UserEntry{};
     list->entries[i].id = -1;
@@ -39,7 +43,7 @@ bool sameField(const char *a, const char *b) { return !a || !b || strcmp(a, b) =
 UserList *newUserList() {
   UserList *list = static_cast<UserList *>(allocMem(nullptr, sizeof(UserList)));
   if (!list) outOfMem("AddUser");
-  *list = UserList{nullptr, 0, 0};
+  *list = UserList{nullptr, 0, 0, 0};
   return list;
 }
 

@@ -39,6 +39,8 @@ struct UserList {
   UserEntry *entries;  // capacity slots, grown 64 at a time (new slots zeroed, id -1)
   int32_t capacity;    // always a multiple of 64
   int32_t count;       // entries in use
+  int32_t allocated;   // slots the block holds; it doubles, so long lists are not
+                       // copied once per 64 entries
 };
 
 UserList *newUserList();
