@@ -149,7 +149,9 @@ int ensureDir(const char *path, unsigned mode) {
 
 char *makeProbeName(char *dest, const char *dir) {
   char host[32];
-  if (gethostname(host, sizeof host) != 0) snprintf(host, sizeof host, "tmpqvl");
+  // (a longer host name comes back cut to the buffer, with ENAMETOOLONG: keep it)
+  if (gethostname(host, sizeof host) != 0 && errno != ENAMETOOLONG)
+    snprintf(host, sizeof host, "tmpqvl");
   host[sizeof host - 1] = '\0';
   snprintf(dest, DB_PATH_MAX, "%s/T%ld%s", dir, static_cast<long>(getpid()), host);
   return dest;
