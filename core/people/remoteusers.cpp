@@ -1,14 +1,28 @@
-// remoteusers.cpp -- the user list of a server-attached context, asked of the server.
+// remoteusers.cpp -- the users of a server-attached context: asking the server whether
+// they changed (RemGetUsers) and carrying a change into the client.
 #include "core/db/context.h"
+#include "core/net/link.h"
+#include "core/net/remote.h"
 #include "core/people/users.h"
 
 namespace quorvel {
 
 int refreshRemoteUsers(DbHandle *ctx, int *changed, const char *name) {
-  (void)name;
   *changed = 0;
   if (!isServerAttached(ctx)) return -1;
-  return -1;
+  // The answer lands on the named calendar's connection when it has one of its own.
+  DbHandle *named = name ? findDbByName(name) : nullptr;
+  ServerLink *namedLink = named && named->server ? named->server : nullptr;
+  ServerLink *target = namedLink ? namedLink : ctx->server;
+  DbHandle *changedCtx = named ? named : ctx;
+  target->changed = false;
+  int r = RemGetUsers(ctx->server, name, namedLink, nullptr);
+  if (r != 0 || !target->changed) return r;
+  *changed = 1;
+  changedCtx->changed = true;
+  DbHandle *main = mainDb();
+  if (!main || main->kind != DB_KIND_LOCAL) EffectUserChanges(main, changedCtx);
+  return r;
 }
 
 }  // namespace quorvel
