@@ -46,10 +46,7 @@ std::string hostPart() {
 
 TEST_F(DbLayout, PathTableKeepsItsOrderAndAcceptsNewSettings) {
   EXPECT_STREQ(dbPathSetting(DBP_DATABASE), "db/database");
-  EXPECT_STREQ(dbPathSetting(DBP_REMOTE_USERS), "db/remoteUsers");
   EXPECT_STREQ(dbPathSetting(DBP_CLASS_DEFS2), "db/database/refclassdef");
-  EXPECT_STREQ(dbPathSetting(DBP_AGENT_LOG), "db/database/server/webquorveld.log");
-  EXPECT_STREQ(dbPathSetting(DBP_DB_BASE), "/db");
   EXPECT_STREQ(dbPathSetting(DBP_MAIL_TEMPLATE), "mailmsg");
   EXPECT_EQ(dbPathSetting(DBP_COUNT), nullptr);
   EXPECT_EQ(dbPathSetting(-1), nullptr);
