@@ -41,12 +41,9 @@ void *growArray(void **array, int16_t *count, size_t size) {
   return entry;
 }
 
-CalSet *itemSets(Item *item, int i) {
-  CalSet *sets[] = {&item->calendars, &item->setY, &item->setN, &item->setS,
-                    &item->setR,      &item->setC, &item->setX, &item->setM};
-  return sets[i];
-}
-constexpr int ITEM_SETS = 8;
+// The item's eight calendar sets, for the loops that free and copy them.
+constexpr CalSet Item::*ITEM_SETS[] = {&Item::calendars, &Item::setY, &Item::setN, &Item::setS,
+                                       &Item::setR,      &Item::setC, &Item::setX, &Item::setM};
 
 // Releases what an item owns apart from its chain and leaves the fields empty.
 void releaseContents(Item *item) {
@@ -54,7 +51,7 @@ void releaseContents(Item *item) {
   item->title = nullptr;
   freeMem(item->dbName);
   item->dbName = nullptr;
-  for (int i = 0; i < ITEM_SETS; i++) freebits(itemSets(item, i));
+  for (CalSet Item::*set : ITEM_SETS) freebits(&(item->*set));
   freePopups(item->popups, item->popupCount);
   freeAlarms(item->listB, item->listBCount);
   freeMem(item->listC);
@@ -73,8 +70,7 @@ void copyContents(Item *target, const Item *source) {
   target->title = copyText(source->title != nullptr ? source->title : "");
   target->owner = source->owner;
   target->randomId = source->randomId;
-  Item *src = const_cast<Item *>(source);  // (read only: itemSets hands out addresses)
-  for (int i = 0; i < ITEM_SETS; i++) copybits(itemSets(target, i), *itemSets(src, i));
+  for (CalSet Item::*set : ITEM_SETS) copybits(&(target->*set), source->*set);
   target->timeValue = source->timeValue;
   target->popups = copyPopups(source->popups, source->popupCount);
   target->popupCount = target->popups ? source->popupCount : 0;

@@ -22,9 +22,10 @@ Item *fullItem() {
   it->uWord = 9;
   evsetTitle(it, "Lunch with Ann");
   it->owner = 4;
-  CalSet *sets[] = {&it->calendars, &it->setY, &it->setN, &it->setS,
-                    &it->setR,      &it->setC, &it->setX, &it->setM};
-  for (int i = 0; i < 8; i++) setbit(sets[i], i + 1, 1);
+  int bit = 1;
+  for (CalSet Item::*set : {&Item::calendars, &Item::setY, &Item::setN, &Item::setS, &Item::setR,
+                            &Item::setC, &Item::setX, &Item::setM})
+    setbit(&(it->*set), bit++, 1);
   it->timeValue = TimeRange{{1000, 1, 2}, {2000, 3, 4}};
   Popup *p = addPopup(it);
   p->title = strdup("note");
@@ -62,15 +63,9 @@ void expectSameContents(const Item *a, const Item *b) {
   EXPECT_EQ(a->dWord, b->dWord);
   EXPECT_EQ(a->uWord, b->uWord);
   EXPECT_STREQ(a->title, b->title);
-  EXPECT_EQ(a->owner, b->owner);
-  EXPECT_TRUE(setsEqual(a->calendars, b->calendars));
-  EXPECT_TRUE(setsEqual(a->setY, b->setY));
-  EXPECT_TRUE(setsEqual(a->setN, b->setN));
-  EXPECT_TRUE(setsEqual(a->setS, b->setS));
-  EXPECT_TRUE(setsEqual(a->setR, b->setR));
-  EXPECT_TRUE(setsEqual(a->setC, b->setC));
-  EXPECT_TRUE(setsEqual(a->setX, b->setX));
-  EXPECT_TRUE(setsEqual(a->setM, b->setM));
+  for (CalSet Item::*set : {&Item::calendars, &Item::setY, &Item::setN, &Item::setS, &Item::setR,
+                            &Item::setC, &Item::setX, &Item::setM})
+    EXPECT_TRUE(setsEqual(a->*set, b->*set));
   EXPECT_TRUE(sameDateTime(a->timeValue.start, b->timeValue.start));
   EXPECT_TRUE(sameDateTime(a->timeValue.end, b->timeValue.end));
   ASSERT_EQ(a->popupCount, b->popupCount);
@@ -106,16 +101,11 @@ void expectSameContents(const Item *a, const Item *b) {
   if (a->dbName) {
     EXPECT_STREQ(a->dbName, b->dbName);
   }
-  EXPECT_EQ(a->randomId, b->randomId);
-  EXPECT_EQ(a->hNumber, b->hNumber);
-  EXPECT_EQ(a->aNumber, b->aNumber);
-  EXPECT_EQ(a->fNumber, b->fNumber);
-  EXPECT_EQ(a->eNumber, b->eNumber);
-  EXPECT_EQ(a->gNumber, b->gNumber);
-  EXPECT_EQ(a->dbFlag, b->dbFlag);
-  EXPECT_EQ(a->linkByte, b->linkByte);
-  EXPECT_EQ(a->gFlag, b->gFlag);
-  EXPECT_EQ(a->kFlag, b->kFlag);
+  for (int32_t Item::*n : {&Item::randomId, &Item::hNumber, &Item::aNumber, &Item::fNumber,
+                           &Item::eNumber, &Item::gNumber, &Item::owner})
+    EXPECT_EQ(a->*n, b->*n);
+  for (uint8_t Item::*f : {&Item::dbFlag, &Item::linkByte, &Item::gFlag, &Item::kFlag})
+    EXPECT_EQ(a->*f, b->*f);
 }
 
 TEST(Evnew, SetsTheInitialValues) {
