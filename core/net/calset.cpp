@@ -187,7 +187,7 @@ int readnetchars(char *in, size_t len, CalSet *set) {
 int writenetbits(char *out, size_t cap, const uint16_t *set) {
   if (cap < 4) return -1;
   int bytes = setByteSize(set);
-  if (bytes == 0 || setBitCount(set) == 0) {
+  if (bytes == 0 || setIsEmpty(set)) {  // no capacity or no members
     memset(out, 0, 4);
     return 4;
   }

@@ -271,6 +271,11 @@ TEST_F(CalSetTest, NetbitsRefusesSetsBeyond2032Bits) {
 
   // Empty sets and zero counts are four zero bytes each way.
   EXPECT_EQ(writenetbits(out.data(), out.size(), nullptr), 4);
+  freebits(&set);
+  allocbits(&set, 40);  // room for 40 bits, no members
+  out.assign(out.size(), 'k');
+  EXPECT_EQ(writenetbits(out.data(), out.size(), set), 4);
+  EXPECT_EQ(std::vector<char>(out.begin(), out.begin() + 4), std::vector<char>(4, 0));
   EXPECT_EQ(readnetbits(in.data() + 100, 4, &other), 4);
   EXPECT_EQ(other, nullptr);
 }
