@@ -199,6 +199,11 @@ static bool answer(CalServer *s, int fd, const CalStep &step, int requestCode) {
     case CAL_CLOSE:
     case CAL_REFUSE:
       return false;
+    case CAL_RESET: {
+      linger hard{1, 0};  // closing with a zero linger time sends a reset
+      setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+      return false;
+    }
     case CAL_SILENT:
       while (waitReadable(s, fd)) {
         uint8_t junk[256];

@@ -50,6 +50,7 @@ enum CalAction {
   CAL_TRUNCATE,   // send only `cutBytes` bytes of the reply, then close
   CAL_OVERLONG,   // send the reply followed by `extraBytes` bytes it does not announce
   CAL_REFUSE,     // close the connection before reading anything
+  CAL_RESET,      // read the request, then reset the connection (RST, no reply)
 };
 
 struct CalStep {

@@ -8,7 +8,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -68,6 +68,12 @@ void resetLink() {
 // The own version, "1.6" split at its dot.
 static int ownMajor() { return atoi(PROTOCOL_VERSION); }
 static int ownMinor() { return atoi(strchr(PROTOCOL_VERSION, '.') + 1); }
+
+// Prints one diagnostic line on standard error and gives the result that goes with it.
+static int report(const char *text, int result) {
+  fputs(text, stderr);
+  return result;
+}
 
 static int waitOf(const ServerLink *link) {
   return link->waitMs > 0 ? link->waitMs : link->timeout * 1000;
@@ -168,11 +174,8 @@ static bool resolveHost(const std::string &host, in_addr *out) {
 static int tryConnect(int fd, const sockaddr_in *sa, int timeoutSeconds) {
   if (connect(fd, reinterpret_cast<const sockaddr *>(sa), sizeof *sa) == 0) return 0;
   if (errno != EINPROGRESS) return errno;
-  fd_set wr;
-  FD_ZERO(&wr);
-  FD_SET(fd, &wr);
-  timeval tv{timeoutSeconds, 0};
-  int r = select(fd + 1, nullptr, &wr, nullptr, &tv);
+  pollfd p{fd, POLLOUT, 0};
+  int r = poll(&p, 1, timeoutSeconds * 1000);
   if (r == 0) return ETIMEDOUT;
   if (r < 0) return errno;
   // Writable also means a refused connection; its error is waiting in SO_ERROR.
@@ -324,18 +327,12 @@ static void bracketOff(unsigned previous) {
   }
 }
 
-static timeval msToTimeval(int ms) {
-  return timeval{ms / 1000, static_cast<suseconds_t>((ms % 1000) * 1000)};
-}
-
 // Waits until fd is readable (write false) or writable: 1 ready, 0 time-out, -1 error.
+// (poll rather than select: an fd_set cannot hold descriptors past FD_SETSIZE)
 static int waitSocket(int fd, bool write, int waitMs) {
   for (;;) {
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(fd, &set);
-    timeval tv = msToTimeval(waitMs);
-    int r = select(fd + 1, write ? nullptr : &set, write ? &set : nullptr, nullptr, &tv);
+    pollfd p{fd, static_cast<short>(write ? POLLOUT : POLLIN), 0};
+    int r = poll(&p, 1, waitMs);
     if (r >= 0) return r > 0 ? 1 : 0;
     if (errno != EINTR) return -1;
   }
@@ -354,10 +351,7 @@ static bool writeStalled(Buf *buf) {
 }
 
 int doWrite(int sock, Buf *buf, size_t len, int waitMs) {
-  if (len < 1 || len > bufUsed(buf)) {
-    fputs("doWrite: bad length\n", stderr);
-    return LINK_GENERAL;
-  }
+  if (len < 1 || len > bufUsed(buf)) return report("doWrite: bad length\n", LINK_GENERAL);
   const uint8_t *p = bufData(buf);
   size_t left = len;
   setBufStatus(buf, 0);
@@ -391,8 +385,10 @@ int doWrite(int sock, Buf *buf, size_t len, int waitMs) {
   return result;
 }
 
+static constexpr int SELECT_FAILED = -5;  // readSome: the wait itself failed
+
 // One wait and one read of at most `ask` bytes into p. Returns 0 with *got set (0 at
-// end of input), LINK_TIMEOUT, or -1 with errno set.
+// end of input), LINK_TIMEOUT, SELECT_FAILED, or -1 with errno set by recv.
 static int readSome(int sock, uint8_t *p, size_t ask, int waitMs, ssize_t *got) {
   unsigned previous = bracketOn(READ_ALARM);
   int result = 0;
@@ -401,7 +397,7 @@ static int readSome(int sock, uint8_t *p, size_t ask, int waitMs, ssize_t *got) 
     int saved = errno;
     perror("read select");
     errno = saved;
-    result = -1;
+    result = SELECT_FAILED;
   } else if (ready == 0) {
     result = LINK_TIMEOUT;
   } else {
@@ -419,9 +415,9 @@ static int readSome(int sock, uint8_t *p, size_t ask, int waitMs, ssize_t *got) 
 static int takeHeader(Buf *buf, size_t got, size_t *want) {
   uint32_t length = 0;
   int r = checkReplyHeader(buf, nullptr, &length);
-  if (r == LINK_BAD_VERSION) return fputs("Incompatible client version\n", stderr), r;
-  if (r == LINK_BAD_MAGIC) return fputs("Bad magic number\n", stderr), r;
-  if (r == 0 && length == 0) return fputs("Zero buf size\n", stderr), LINK_NO_HEADER;
+  if (r == LINK_BAD_VERSION) return report("Incompatible client version\n", r);
+  if (r == LINK_BAD_MAGIC) return report("Bad magic number\n", r);
+  if (r == 0 && length == 0) return report("Zero buf size\n", LINK_NO_HEADER);
   if (r != 0 || length < size_t(MSG_HEADER_SIZE) || length > BUF_MAX_GROWTH) {
     fprintf(stderr, "Unknown error%d\n", r != 0 ? r : int(length));
     return LINK_GENERAL;
@@ -429,7 +425,7 @@ static int takeHeader(Buf *buf, size_t got, size_t *want) {
   *want = length;
   // Room for the whole reply and the 4 bytes ReadBuf wants behind a last field.
   if (bufSize(buf) < length + 4) growBuf(buf, roundUp(length + 4 - bufSize(buf), BUF_BLOCK));
-  return got > length ? (fputs("net input truncated\n", stderr), LINK_TRUNCATED) : 0;
+  return got > length ? report("net input truncated\n", LINK_TRUNCATED) : 0;
 }
 
 // A failed recv: the error's result (ECONNRESET is a plain failure).
@@ -454,7 +450,11 @@ int ReadFromSocket(ServerLink *link, int waitMs) {
     if (bufSize(buf) < room) return LINK_GENERAL;
     ssize_t n = 0;
     int r = readSome(link->sock, bufAt(buf, got), ask, waitMs, &n);
-    if (r == LINK_TIMEOUT) return setBufStatus(buf, LINK_TIMEOUT), LINK_TIMEOUT;
+    if (r == LINK_TIMEOUT) {
+      setBufStatus(buf, LINK_TIMEOUT);
+      return LINK_TIMEOUT;
+    }
+    if (r == SELECT_FAILED) return LINK_GENERAL;
     if (r < 0 && (errno == EAGAIN || errno == EINTR)) {
       setBufStatus(buf, EAGAIN);  // woken without data: try again, a bounded number of times
       if (bufStatusRepeats(buf) >= READ_STALLS) return LINK_GENERAL;
@@ -467,7 +467,7 @@ int ReadFromSocket(ServerLink *link, int waitMs) {
       r = takeHeader(buf, got, &want);
       if (r != 0) return r;
     }
-    if (want && got > want) return fputs("net input truncated\n", stderr), LINK_TRUNCATED;
+    if (want && got > want) return report("net input truncated\n", LINK_TRUNCATED);
     if (want && got == want) {
       seekBuf(buf, MSG_HEADER_SIZE);
       return 0;
@@ -476,10 +476,8 @@ int ReadFromSocket(ServerLink *link, int waitMs) {
 }
 
 int SendMsgToServer(ServerLink *link) {
-  if (!link->server || !*link->server) {
-    fputs("SendMsgToServer: invalid remote host information\n", stderr);
-    return LINK_GENERAL;
-  }
+  if (!link->server || !*link->server)
+    return report("SendMsgToServer: invalid remote host information\n", LINK_GENERAL);
   Buf *buf = link->req;
   int32_t length = 0;
   if (bufUsed(buf) >= size_t(MSG_HEADER_SIZE)) {

@@ -253,6 +253,7 @@ TEST_F(LinkTest, BadRepliesGiveTheirResultsAndTexts) {
       {calAction(CAL_OVERLONG), LINK_TRUNCATED, "net input truncated\n"},
       {calAction(CAL_TRUNCATE), LINK_GENERAL, ""},
       {calAction(CAL_CLOSE), LINK_LOST_REPLY, ""},
+      {calAction(CAL_RESET), LINK_GENERAL, ""},
   };
   for (const Case &c : cases) {
     calScript(&server, {c.step});

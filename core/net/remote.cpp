@@ -122,7 +122,10 @@ static int remoteCall(ServerLink *link, Call call, RemReply *reply, Body body) {
       budget--;
       continue;
     }
-    if (r != 0) return reportLinkLoss(link, r), -1;
+    if (r != 0) {
+      reportLinkLoss(link, r);
+      return -1;
+    }
     if (readReplyFields(link->req, reply) != 0) {
       fprintf(stderr, "%s: malformed reply\n", call.name);
       return -1;
