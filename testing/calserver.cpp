@@ -122,8 +122,10 @@ static std::vector<uint8_t> buildReply(const CalStep &step, int requestCode) {
 
 /* ==== The serving loop ============================================================ */
 
-static void sleepMs(int ms) {
-  if (ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+// Sleeps in short slices so that a stop cuts the wait short.
+static void sleepMs(CalServer *s, int ms) {
+  for (int left = ms; left > 0 && !s->stopping; left -= 10)
+    std::this_thread::sleep_for(std::chrono::milliseconds(left < 10 ? left : 10));
 }
 
 // Waits for input on fd, in short rounds so that a stop is noticed; false on stop.
@@ -193,7 +195,7 @@ static const CalStep *peekStep(CalServer *s, CalStep *copy) {
 
 // Answers one request by the step; false when the connection is to be dropped.
 static bool answer(CalServer *s, int fd, const CalStep &step, int requestCode) {
-  sleepMs(step.delayMs);
+  sleepMs(s, step.delayMs);
   std::vector<uint8_t> msg = buildReply(step, requestCode);
   switch (step.action) {
     case CAL_CLOSE:
@@ -230,7 +232,7 @@ static void serveConnection(CalServer *s, int fd) {
       nextStep(s);
       return;
     }
-    if (next) sleepMs(next->stallReadMs);
+    if (next) sleepMs(s, next->stallReadMs);
     CalRequest req;
     if (!readRequest(s, fd, &req)) return;
     {

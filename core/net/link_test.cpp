@@ -407,6 +407,41 @@ TEST_F(LinkTest, UnknownHostFailsWithENOENT) {
   freeServerLink(nowhere);
 }
 
+TEST_F(LinkTest, SendGivesUpAfterTenStalls) {
+  link->waitMs = 20;
+  CalStep deaf = calReply();
+  deaf.stallReadMs = 60000;  // the server does not read while the client sends
+  calScript(&server, {deaf});
+  std::string big(12 * 1000 * 1000, 's');
+  startRequest(link, 127);
+  putText(link->req, big.c_str());
+  finishMessage(link->req);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(SendMsgToServer(link), LINK_TIMEOUT);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "doWrite: EWOULDBLOCK\n");
+  // A second between stalls; ten in a row end it (earlier stalls may have been followed
+  // by progress, which starts the count again).
+  EXPECT_GE(pauses.size(), 9u);
+  EXPECT_EQ(pauses, std::vector<unsigned>(pauses.size(), 1));
+  EXPECT_GE(link->sock, 0);  // a time-out leaves the connection to the caller
+  EXPECT_EQ(bufStatusRepeats(link->req), 10);
+}
+
+int busyOn, busyOff;
+void countBusy(int on) { (on ? busyOn : busyOff)++; }
+
+TEST_F(LinkTest, BusyIndicationBracketsEachWaitOutsideNoWait) {
+  busyOn = busyOff = 0;
+  setLinkBusyHook(countBusy);
+  ASSERT_EQ(ask(105), 0);
+  EXPECT_GE(busyOn, 2);  // at least the write and one read
+  EXPECT_EQ(busyOn, busyOff);
+  setNoWaitMode(true);
+  busyOn = busyOff = 0;
+  ASSERT_EQ(ask(105), 0);
+  EXPECT_EQ(busyOn, 0);  // no-wait mode uses alarms instead
+}
+
 /* ---- The hand-shake --------------------------------------------------------------- */
 
 TEST_F(LinkTest, HandshakeSendsServerValueAndCopiesTheText) {
