@@ -22,6 +22,7 @@ build=$top/build-demo
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQV_TESTS=OFF \
   -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" -DCMAKE_C_FLAGS_RELEASE="-O2 -DNDEBUG" >/dev/null
 ninja -C "$build" webquorvel sample_agent >/dev/null
+echo "== built $build/gateway/webquorvel and $build/testing/sample_agent"
 
 root=$top/demo-root
 rm -rf "$root"
@@ -97,6 +98,8 @@ start_lighttpd() {
 mkdir -p "$root/log"
 start_agent
 start_lighttpd
+echo "== web root $root: cgi-bin/webquorvel beside htdocs/ (with tmp/)"
+echo "== sample agent on 127.0.0.1 port $((3726 + agent_n)); lighttpd on 127.0.0.1 port $http_port"
 url="http://127.0.0.1:$http_port/cgi-bin/webquorvel?dn=127.0.0.1:$agent_n&lan=En_US&rpt=/icons"
 
 echo "== request: GET $url"
