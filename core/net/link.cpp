@@ -29,7 +29,7 @@ static LinkMessageHook messageHook;    // the client's message display; null: st
 static LinkBusyHook busyHook;          // the client's busy indication
 static LinkRefreshHook refreshHook;    // runs on a context after a 218 reply
 
-static constexpr unsigned READ_ALARM = 150;   // seconds, no-wait mode, per select+read
+static constexpr unsigned READ_ALARM = 150;   // seconds, no-wait mode, per wait and read
 static constexpr unsigned WRITE_ALARM = 450;  // seconds, no-wait mode, per write loop
 static constexpr int WRITE_STALLS = 10;       // stalls in a row before a send gives up
 static constexpr int READ_STALLS = 20;        // spurious wake-ups before a read gives up

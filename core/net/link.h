@@ -67,7 +67,7 @@ struct ServerLink {
   int sock;                 // connected socket, -1 while closed
   Buf *req;                 // request buffer, also receives the reply (owned)
   int timeout;              // seconds: connect wait, pause between connect attempts
-  int waitMs;               // select wait of the send/receive loops; 0: timeout * 1000
+  int waitMs;               // each wait of the send/receive loops; 0: timeout * 1000
   int retries;              // further connect attempts after the first
   uint8_t peerMajor;        // peer's protocol version, 0.0 while unknown
   uint8_t peerMinor;
@@ -126,7 +126,8 @@ int checkReplyHeader(Buf *buf, int *code, uint32_t *length);
 // LINK_GENERAL (no address, "Invalid buf size"), LINK_NO_SERVER, LINK_TIMEOUT or an
 // errno; after a failure other than a time-out the socket is closed.
 int SendMsgToServer(ServerLink *link);
-// The send loop: writes len bytes of buf, waiting up to waitMs per select.
+// The send loop: writes len bytes of buf, waiting up to waitMs for room each time;
+// ten stalls in a row (a second apart) give LINK_TIMEOUT after "doWrite: EWOULDBLOCK".
 int doWrite(int sock, Buf *buf, size_t len, int waitMs);
 // Reads one whole reply into the request buffer and checks its header. Returns 0,
 // LINK_BAD_VERSION, LINK_BAD_MAGIC, LINK_NO_HEADER, LINK_GENERAL, LINK_LOST_REPLY,
