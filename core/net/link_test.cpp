@@ -547,9 +547,10 @@ TEST_F(LinkTest, HandshakeToNoServerReportsIt) {
 // Samples the process's real-time timer while fn runs; returns the largest value seen.
 template <class Fn>
 long largestAlarmDuring(Fn fn) {
-  std::atomic<bool> done{false};
+  std::atomic<bool> done{false}, running{false};
   std::atomic<long> largest{0};
   std::thread watcher([&] {
+    running = true;
     while (!done) {
       itimerval t;
       getitimer(ITIMER_REAL, &t);
@@ -557,6 +558,7 @@ long largestAlarmDuring(Fn fn) {
       usleep(2000);
     }
   });
+  while (!running) std::this_thread::yield();
   fn();
   done = true;
   watcher.join();
@@ -572,7 +574,7 @@ long alarmLeft() {
 TEST_F(LinkTest, NoWaitArmsAlarmAroundReadsAndClearsIt) {
   setNoWaitMode(true);
   CalStep slow = calReply();
-  slow.delayMs = 150;
+  slow.delayMs = 400;  // long enough for the watcher on a busy machine
   calScript(&server, {slow});
   long seen = largestAlarmDuring([&] { EXPECT_EQ(ask(105), 0); });
   EXPECT_GT(seen, 140);
@@ -587,7 +589,7 @@ TEST_F(LinkTest, NoWaitArmsAlarmAroundReadsAndClearsIt) {
 TEST_F(LinkTest, NoWaitArmsLongerAlarmAroundWrites) {
   setNoWaitMode(true);
   CalStep stalled = calReply();
-  stalled.stallReadMs = 200;  // the server reads late, so the send loop must wait
+  stalled.stallReadMs = 400;  // the server reads late, so the send loop must wait
   calScript(&server, {stalled});
   std::string big(12 * 1000 * 1000, 'w');
   long seen = largestAlarmDuring([&] {
