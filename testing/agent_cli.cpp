@@ -87,7 +87,8 @@ static bool writePortFile(const char *path, int port) {
 int sampleAgentMain(int argc, char **argv) {
   CliOptions o;
   o.script.fileSize = 1024;
-  for (int i = 1; i < argc; i++) {
+  // Options come in pairs: the option, then its value.
+  for (int i = 1; i < argc; i += 2) {
     if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
       fputs(USAGE, stdout);
       return 0;
@@ -96,7 +97,6 @@ int sampleAgentMain(int argc, char **argv) {
       fprintf(stderr, "sample_agent: bad option %s\n%s", argv[i], USAGE);
       return 2;
     }
-    i++;
   }
   signal(SIGPIPE, SIG_IGN);
   SampleAgent agent;
