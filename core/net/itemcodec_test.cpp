@@ -459,7 +459,8 @@ TEST_F(CodecTest, ListMessagesExtendOnlyForPeersThatTakeThem) {
                {1, 4, true, 0xBABEFACE}, {1, 6, true, 0xBABEFACE}};
   for (const Case &c : cases) {
     evfree(middle->chain);
-    middle->chain = c.chain ? evcopy(middle) : nullptr;
+    middle->chain = nullptr;
+    if (c.chain) middle->chain = evcopy(middle);
     BufPtr buf = peerBuf(c.major, c.minor);
     buildItemListMessage(buf.get(), 101, &list.head);
     EXPECT_EQ(headerOf(buf.get()).magic, c.magic) << c.major << "." << c.minor;
