@@ -190,6 +190,7 @@ int WebSockWrite(int sock, int timeoutSeconds, const NamePair *pairs) {
 }
 
 int doWebSockWrite(int sock, int timeoutSeconds, const char *bytes, long length) {
+  if (sock < 0 || sock >= FD_SETSIZE) return EBADF;  // select cannot watch it
   int stalls = 0, saved = 0;
   // Set once: select may count it down in place, so later waits can be shorter.
   timeval wait{timeoutSeconds, 0};
@@ -309,6 +310,7 @@ static int takeIdle(ReadState *st, long n, int wait) {
 
 int WebSockRead(int sock, int timeoutSeconds, char **buffer, int *count, int wait) {
   *buffer = nullptr;
+  if (sock < 0 || sock >= FD_SETSIZE) return -1;  // select cannot watch it
   ReadState st{{nullptr, 0}, 0, FIRST_READ, FIRST_READ, true, 0, 0, {timeoutSeconds, 0}};
   growMsg(&st.msg, FIRST_READ);
   int result = 0;
