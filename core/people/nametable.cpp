@@ -6,16 +6,25 @@
 
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace quorvel {
 
+// The texts of the rows live in blocks that never move, so a row is four pointers and
+// a rebuild of a large table makes a few block allocations rather than one per text.
 struct NameRow {
-  std::string name;     // calendar name
-  std::string login;    // owner's login
-  std::string mail;     // mail address
-  std::string display;  // display name
+  const char *name;     // calendar name (in the table's text blocks)
+  const char *login;    // owner's login
+  const char *mail;     // mail address
+  const char *display;  // display name
+};
+
+struct TextBlocks {
+  std::vector<std::unique_ptr<char[]>> blocks;  // filled front to back
+  size_t used = 0;                              // bytes used in the last block
+  size_t size = 0;                              // bytes of the last block
 };
 
 // The hash map is open addressing over a power-of-two array of (hash, row) pairs, so a
@@ -28,9 +37,26 @@ struct NameSlot {
 struct NameTable {
   std::vector<NameRow> rows;    // calendar index -> row
   std::vector<NameSlot> slots;  // name -> index; size a power of two, at most half full
+  TextBlocks texts;             // the rows' texts
 };
 
 namespace {
+
+constexpr size_t kTextBlock = 64 * 1024;
+
+const char *keepText(TextBlocks &tb, const char *s) {
+  size_t n = strlen(s) + 1;
+  if (tb.blocks.empty() || tb.size - tb.used < n) {
+    size_t size = n > kTextBlock ? n : kTextBlock;
+    tb.blocks.emplace_back(new char[size]);
+    tb.size = size;
+    tb.used = 0;
+  }
+  char *at = tb.blocks.back().get() + tb.used;
+  memcpy(at, s, n);
+  tb.used += n;
+  return at;
+}
 
 uint32_t nameHash(const char *s) {  // FNV-1a
   uint32_t h = 2166136261u;
@@ -44,7 +70,7 @@ NameSlot &probe(NameTable *t, const char *name, uint32_t h) {
   for (size_t i = h & mask;; i = (i + 1) & mask) {
     NameSlot &s = t->slots[i];
     if (s.row < 0) return s;
-    if (s.hash == h && t->rows[s.row].name == name) return s;
+    if (s.hash == h && strcmp(t->rows[s.row].name, name) == 0) return s;
   }
 }
 
@@ -54,7 +80,7 @@ void growSlots(NameTable *t, size_t want) {
   if (n <= t->slots.size()) return;
   t->slots.assign(n, NameSlot{0, -1});
   for (size_t r = 0; r < t->rows.size(); r++) {
-    const char *name = t->rows[r].name.c_str();
+    const char *name = t->rows[r].name;
     uint32_t h = nameHash(name);
     probe(t, name, h) = NameSlot{h, static_cast<int32_t>(r)};
   }
@@ -86,22 +112,30 @@ int lookupIndex(void *, const char *name) { return lookupCalendar(nullptr, name)
 
 const NameLookup currentTableLookup = {nullptr, lookupCount, lookupName, lookupIndex};
 
-}  // namespace
-
 /* ---- The table ------------------------------------------------------------------- */
+
+// Adds a row for name (hash h) unless it is present; the slots must have room.
+int addRow(NameTable *t, const UserEntry &e, const char *name, uint32_t h) {
+  NameSlot &slot = probe(t, name, h);
+  if (slot.row >= 0) return slot.row;
+  int i = static_cast<int>(t->rows.size());
+  TextBlocks &tb = t->texts;
+  t->rows.push_back({keepText(tb, name), keepText(tb, orEmpty(e.login)),
+                     keepText(tb, orEmpty(e.mailAddress)), keepText(tb, orEmpty(e.displayName))});
+  slot = NameSlot{h, i};
+  return i;
+}
+
+}  // namespace
 
 int addCalendarName(DbHandle *ctx, const char *name, const char *login, const char *mail,
                     const char *display) {
   NameTable *t = tableOf(ctx, true);
   if (!t || !name) return -1;
   growSlots(t, t->rows.size() + 1);
-  uint32_t h = nameHash(name);
-  NameSlot &slot = probe(t, name, h);
-  if (slot.row >= 0) return slot.row;
-  int i = static_cast<int>(t->rows.size());
-  t->rows.push_back({name, orEmpty(login), orEmpty(mail), orEmpty(display)});
-  slot = NameSlot{h, i};
-  return i;
+  UserEntry e{nullptr, const_cast<char *>(login), const_cast<char *>(mail),
+              const_cast<char *>(display), 0, -1};
+  return addRow(t, e, name, nameHash(name));
 }
 
 int lookupCalendar(DbHandle *ctx, const char *name) {
@@ -117,22 +151,22 @@ int calendarTableSize(DbHandle *ctx) {
 
 const char *tableName(DbHandle *ctx, int index) {
   const NameRow *r = rowOf(ctx, index);
-  return r ? r->name.c_str() : nullptr;
+  return r ? r->name : nullptr;
 }
 
 const char *tableLogin(DbHandle *ctx, int index) {
   const NameRow *r = rowOf(ctx, index);
-  return r ? r->login.c_str() : nullptr;
+  return r ? r->login : nullptr;
 }
 
 const char *tableMail(DbHandle *ctx, int index) {
   const NameRow *r = rowOf(ctx, index);
-  return r ? r->mail.c_str() : nullptr;
+  return r ? r->mail : nullptr;
 }
 
 const char *tableDisplay(DbHandle *ctx, int index) {
   const NameRow *r = rowOf(ctx, index);
-  return r ? r->display.c_str() : nullptr;
+  return r ? r->display : nullptr;
 }
 
 void registerFileOnlyNames(DbHandle *ctx, const UserList *list) {
@@ -147,16 +181,27 @@ void registerFileOnlyNames(DbHandle *ctx, const UserList *list) {
 void rebuildNameTable(DbHandle *ctx, const UserList *list) {
   NameTable *t = tableOf(ctx, true);
   if (!t) return;
-  t->rows.clear();
-  t->slots.clear();
+  *t = NameTable();
   if (!list) return;
-  t->rows.reserve(list->count);
-  growSlots(t, list->count);
-  for (int i = 0; i < list->count; i++) {
-    const UserEntry &e = list->entries[i];
-    addCalendarName(ctx, e.name, e.login, e.mailAddress, e.displayName);
+  // The names in table order: every entry, then each "-x" once more as "x".
+  std::vector<std::pair<const UserEntry *, const char *>> order;
+  order.reserve(list->count);
+  for (int i = 0; i < list->count; i++)
+    if (list->entries[i].name) order.emplace_back(&list->entries[i], list->entries[i].name);
+  for (int i = 0; i < list->count; i++)
+    if (list->entries[i].name && list->entries[i].name[0] == '-')
+      order.emplace_back(&list->entries[i], list->entries[i].name + 1);
+  std::vector<uint32_t> hashes(order.size());
+  for (size_t i = 0; i < order.size(); i++) hashes[i] = nameHash(order[i].second);
+  growSlots(t, order.size());
+  t->rows.reserve(order.size());
+  // Slots are reached at random: ask for each one a few names ahead of its use.
+  constexpr size_t kAhead = 8;
+  size_t mask = t->slots.size() - 1;
+  for (size_t i = 0; i < order.size(); i++) {
+    if (i + kAhead < order.size()) __builtin_prefetch(&t->slots[hashes[i + kAhead] & mask]);
+    addRow(t, *order[i].first, order[i].second, hashes[i]);
   }
-  registerFileOnlyNames(ctx, list);
 }
 
 void freeNameTable(DbHandle *ctx) {
@@ -172,13 +217,13 @@ void installNameLookup() { setNameLookup(&currentTableLookup); }
 const char *userMailAddress(int index) {
   const NameRow *r = rowOf(nullptr, index);
   if (!r) return "";
-  return r->mail.empty() ? r->login.c_str() : r->mail.c_str();
+  return r->mail[0] ? r->mail : r->login;
 }
 
 const char *userDisplayName(int index) {
   const NameRow *r = rowOf(nullptr, index);
   if (!r) return "(null)";  // printf's rendering of the missing name, kept
-  return r->display.empty() ? r->name.c_str() : r->display.c_str();
+  return r->display[0] ? r->display : r->name;
 }
 
 }  // namespace quorvel

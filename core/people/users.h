@@ -79,7 +79,8 @@ long mainUsersFileSize();
 /* ---- The list in force --------------------------------------------------------------- */
 
 // Installs list as ctx's list (taking ownership, freeing the old one under the guard)
-// and rebuilds ctx's calendar-name table from it.
+// and rebuilds ctx's calendar-name table from it; installs the name lookup below when
+// none is installed yet.
 void installUserList(DbHandle *ctx, UserList *list);
 
 // Readers of ctx->users hold the guard for reading around their use.

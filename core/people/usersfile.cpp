@@ -6,6 +6,7 @@
 #include "core/base/base.h"
 #include "core/db/context.h"
 #include "core/db/layout.h"
+#include "core/net/namelookup.h"
 #include "core/people/identity.h"
 #include "core/people/users.h"
 
@@ -207,6 +208,7 @@ void installUserList(DbHandle *ctx, UserList *list) {
     ctx->users = list;
   }
   rebuildNameTable(ctx, list);
+  if (!nameLookup()) installNameLookup();  // a test's own lookup is left in place
 }
 
 void lockUsersForReading(DbHandle *ctx) { guardOf(ctx)->lock.lock_shared(); }
