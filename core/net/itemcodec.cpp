@@ -248,8 +248,10 @@ int peekField(Buf *in, Field *f) {
   return 0;
 }
 
-// Reads a field whose payload must be exactly n bytes.
+// Reads a field whose payload must be exactly n bytes. A length that breaks the
+// granularity is ReadBuf's to report (it fails before copying anything).
 int readExact(Buf *in, const Field &f, void *dst, size_t n, int granularity) {
+  if (f.len % unsigned(granularity) != 0) return ReadBuf(in, nullptr, f.len, granularity, 1);
   if (f.len != n) return refuse("bad size %u for field '%c'", unsigned(f.len), f.tag);
   return ReadBuf(in, dst, n, granularity, 1) == -1 ? -1 : 0;
 }

@@ -337,15 +337,27 @@ TEST_F(CodecTest, RefusesUnknownTagsMisplacedFieldsAndBadSizes) {
   EXPECT_EQ(readCapturing(buf.get(), &err), -1);
   EXPECT_EQ(err, "readEvent: bad tag 0x4e where 'Y' belongs\n");
 
-  // A number field of the wrong size, and an empty one (which would never advance).
-  for (uint32_t len : {2u, 8u, 0u}) {
+  // Fields of the wrong size (an empty one would never advance); sizes that break the
+  // granularity, and fields running past the storage, get the buffer's own reports.
+  struct Size {
+    char tag;
+    uint32_t len;
+    const char *message;
+  } sizes[] = {{'O', 8, "readEvent: bad size 8 for field 'O'\n"},
+               {'O', 0, "readEvent: bad size 0 for field 'O'\n"},
+               {'D', 4, "readEvent: bad size 4 for field 'D'\n"},
+               {'O', 2, "ReadBuf: bad size: 2, granularity: 4\n"},
+               {'D', 3, "ReadBuf: bad size: 3, granularity: 2\n"},
+               {'T', 9, "ReadBuf: overflowed buffer\n"}};
+  for (const Size &c : sizes) {
     buf = peerBuf(1, 6);
     uint8_t zeros[8] = {};
-    StuffBuf(buf.get(), zeros, 8, 1, bufTag('O'));
-    uint32_t word = htonl(bufTag('O') | len);
+    StuffBuf(buf.get(), zeros, 8, 1, bufTag(c.tag));
+    buf->size = 12;  // the storage ends behind the field
+    uint32_t word = htonl(bufTag(c.tag) | c.len);
     memcpy(buf->data, &word, 4);
     EXPECT_EQ(readCapturing(buf.get(), &err), -1);
-    EXPECT_EQ(err, "readEvent: bad size " + std::to_string(len) + " for field 'O'\n");
+    EXPECT_EQ(err, c.message);
   }
 }
 
