@@ -59,7 +59,7 @@ inline constexpr int WIRE_TEXT_MAX = 256;
 /* ---- Writing ------------------------------------------------------------------ */
 
 // Appends the fields of one item (its chain not included) at the buffer's cursor.
-// The owner name for "f" comes from the calendar-name lookup (see calset.h).
+// The owner name for "f" comes from the installed calendar-name lookup (namelookup.h).
 void writeEvent(Buf *out, const Item *item);
 
 // Appends an item followed by its chained items.
