@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -87,7 +88,22 @@ static std::string htmlEscape(const std::string &text) {
   return out;
 }
 
-// One table row per key=value field of the query, shown as received.
+// %XX escapes decoded, for display only.
+static std::string percentDecoded(const std::string &text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); i++) {
+    if (text[i] == '%' && i + 2 < text.size() && isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+        isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+      out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+      i += 2;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+// One table row per key=value field of the query: as received, and decoded.
 static std::string queryRows(const std::string &query) {
   std::string rows;
   size_t start = 0;
@@ -98,7 +114,8 @@ static std::string queryRows(const std::string &query) {
     size_t eq = field.find('=');
     std::string key = field.substr(0, eq), value = eq == std::string::npos ? "" : field.substr(eq + 1);
     if (!field.empty())
-      rows += "<tr><td>" + htmlEscape(key) + "</td><td>" + htmlEscape(value) + "</td></tr>\n";
+      rows += "<tr><td>" + htmlEscape(key) + "</td><td>" + htmlEscape(value) + "</td><td>" +
+              htmlEscape(percentDecoded(value)) + "</td></tr>\n";
     start = end + 1;
   }
   return rows;
@@ -106,12 +123,12 @@ static std::string queryRows(const std::string &query) {
 
 std::string demoPage(const std::string &query) {
   return "Content-type: text/html\n\n"
-         "<html>\n<head>\n<title>Quorvel sample agent</title>\n</head>\n<body>\n"
+         "<html>\n<head>\n<meta charset=\"utf-8\">\n<title>Quorvel sample agent</title>\n</head>\n<body>\n"
          "<h1>Quorvel sample web agent</h1>\n"
          "<p><img src=\"/tmp/demo-picture.svg\" width=\"120\" height=\"120\" "
          "alt=\"Quorvel calendar\"></p>\n"
          "<p>The agent received this request:</p>\n<pre>" + htmlEscape(query) + "</pre>\n"
-         "<table border=1>\n<tr><th>key</th><th>value</th></tr>\n" + queryRows(query) +
+         "<table border=1>\n<tr><th>key</th><th>value</th><th>decoded</th></tr>\n" + queryRows(query) +
          "</table>\n</body>\n</html>\n";
 }
 
