@@ -87,12 +87,14 @@ void buildItemListMessage(Buf *out, int code, const Item *head);
 /* ---- Reading ------------------------------------------------------------------ */
 
 // Reads one item's fields up to and including "z" into `item` (a fresh item from
-// evnew). Returns 0, or -1 with the item partly filled (the caller frees it).
+// evnew), with the gates of the peer version kept in the buffer. Returns 0, or -1 with
+// the item partly filled (the caller frees it).
 int readEvent(Buf *in, Item *item);
 
 // Reads items until the cursor reaches byte offset `end` of the buffer, appending
-// them to the list at `head` and hanging announced chained items on their items.
-// Returns the number of items read (chained ones not counted) or -1.
+// them to the list at `head`; an item with the random identifier and title of the one
+// before it is hung on that one's chain instead. Returns the number of list items read
+// or -1 (the items read before the failure stay in the list; the caller frees them).
 int readEventList(Buf *in, Item *head, uint32_t end);
 
 // Reads a whole item message (header included) into the list at `head`: the body
