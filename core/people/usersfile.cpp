@@ -164,6 +164,7 @@ std::string usersFilePath(DbHandle *ctx) {
 
 int readUsersFile(DbHandle *ctx, int *changed) {
   *changed = 0;
+  if (!ctx) return -1;
   if (isServerAttached(ctx)) {                                   // step 1
     ctx->changed = false;
     refreshRemoteUsers(ctx, changed, nullptr);
