@@ -1,8 +1,8 @@
 // usersfile.cpp -- reading the users file into a context's user list, settling the own
 // calendar, and swapping the list in force under its guard.
 //
-// Divisions: the list guard; parsing one line; the read itself (readUsersFile as a
-// driver over its numbered steps); carrying changes into the client.
+// Divisions: parsing one line; the read itself (readUsersFile drives it); the list in
+// force and carrying changes into the client.
 #include "core/base/base.h"
 #include "core/db/context.h"
 #include "core/db/layout.h"
@@ -114,7 +114,8 @@ UserList *readUserLines(FILE *f) {
   return list;
 }
 
-// Step 9: keeps or drops the list just read; installs it and notes a change.
+// Keeps or drops the list just read (a main file that changed size meanwhile, or an
+// empty list, leaves the old list and time in force); installs it and notes a change.
 void applyNewList(DbHandle *ctx, UserList *list, const std::string &path, int32_t mtime,
                   long size, int *changed) {
   bool isMain = ctx == mainDb();
@@ -140,7 +141,7 @@ void applyNewList(DbHandle *ctx, UserList *list, const std::string &path, int32_
   }
 }
 
-// Step 10: the own calendar from the settled name, or "Nobody".
+// The own calendar from the settled name; "Nobody" when no line named the real user.
 void resolveOwnCalendar(DbHandle *ctx) {
   if (settledOwnName()) {
     const char *own = settledOwnName();
@@ -165,22 +166,22 @@ std::string usersFilePath(DbHandle *ctx) {
 int readUsersFile(DbHandle *ctx, int *changed) {
   *changed = 0;
   if (!ctx) return -1;
-  if (isServerAttached(ctx)) {                                   // step 1
+  if (isServerAttached(ctx)) {  // its users come from the server, not a file
     ctx->changed = false;
     refreshRemoteUsers(ctx, changed, nullptr);
     return calendarInView();
   }
   bool isMain = ctx == mainDb();
-  std::string path = usersFilePath(ctx);                         // step 2
+  std::string path = usersFilePath(ctx);
   long size = 0;
-  int32_t mtime = fileModTime(path.c_str(), &size);              // step 3
+  int32_t mtime = fileModTime(path.c_str(), &size);
   int statErr = errno;
-  if (mtime <= ctx->usersFileTime) {
+  if (mtime <= ctx->usersFileTime) {  // not newer: a time going back is never re-read
     if (mtime == NO_TIME) reportAccess(isMain, statErr, path);
     return ownCalendar();
   }
-  holdRealLogin();                                               // step 4
-  FILE *f = fopen(path.c_str(), "r");                            // step 5
+  holdRealLogin();
+  FILE *f = fopen(path.c_str(), "r");
   if (!f) {
     int err = errno;
     if (isMain && err != ENOENT && err != EACCES) logMsg("cannot open users file\n");
@@ -188,14 +189,14 @@ int readUsersFile(DbHandle *ctx, int *changed) {
     haveLogin = false;
     return -1;
   }
-  setCurrentDb(ctx);                                             // step 6
-  UserList *list = readUserLines(f);                             // steps 7-8
+  setCurrentDb(ctx);  // name lookups during the read go to this context's table
+  UserList *list = readUserLines(f);
   fclose(f);
-  applyNewList(ctx, list, path, mtime, size, changed);           // step 9
-  haveLogin = false;                                             // step 10
+  applyNewList(ctx, list, path, mtime, size, changed);
+  haveLogin = false;
   heldLogin.clear();
   resolveOwnCalendar(ctx);
-  restoreCurrentDb();                                            // step 11
+  restoreCurrentDb();
   return ownCalendar();
 }
 
