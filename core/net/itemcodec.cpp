@@ -17,6 +17,7 @@
 #include "core/items/item.h"
 #include "core/net/buf.h"
 #include "core/net/calset.h"
+#include "core/net/link.h"
 #include "core/net/namelookup.h"
 #include "core/net/netdate.h"
 
@@ -24,12 +25,7 @@ namespace quorvel {
 
 namespace {
 
-// The header every message opens with: code, our version 1.6, length, magic.
-constexpr uint8_t OWN_MAJOR = 1;
-constexpr uint8_t OWN_MINOR = 6;
-constexpr uint32_t MAGIC_PLAIN = 0xDEADBEEF;
-constexpr uint32_t MAGIC_EXTENDED = 0xBABEFACE;
-constexpr size_t HEADER_SIZE = 12;
+constexpr size_t HEADER_SIZE = MSG_HEADER_SIZE;
 
 constexpr size_t ENTRY_WIRE = 12;  // an alarm ("a") or a listC entry ("q")
 
@@ -137,23 +133,7 @@ void writeTail(Buf *out, const Item *item) {
 
 /* ---- Messages ------------------------------------------------------------------- */
 
-void stuffHeader(Buf *out, int code) {
-  uint8_t header[HEADER_SIZE];
-  uint16_t c = htons(uint16_t(code));
-  memcpy(header, &c, 2);
-  header[2] = OWN_MAJOR;
-  header[3] = OWN_MINOR;
-  putWord32(header + 4, HEADER_SIZE);
-  putWord32(header + 8, out->extended ? MAGIC_EXTENDED : MAGIC_PLAIN);
-  StuffBuf(out, header, sizeof header, 1, BUF_UNTAGGED);
-}
-
-// The header again, with the length up to the cursor.
-void finishHeader(Buf *out) {
-  if (out->data == nullptr || out->size < HEADER_SIZE) return;
-  putWord32(out->data + 4, uint32_t(bufUsed(out)));
-}
-
+// An item that asks for the extended message: it has a chained copy or the letter 'd'.
 bool wantsExtended(const Item *item) { return item->chain != nullptr || item->typeLetter == 'd'; }
 
 }  // namespace
@@ -199,19 +179,17 @@ bool listNeedsExtended(const Buf *out, const Item *head) {
 }
 
 void buildItemMessage(Buf *out, int code, const Item *item) {
-  rewindBuf(out);
   out->extended = itemNeedsExtended(item);
-  stuffHeader(out, item != nullptr ? code : NO_ITEM_CODE);
+  startMessage(out, item != nullptr ? code : NO_ITEM_CODE);
   if (item != nullptr) writeEventChain(out, item);
-  finishHeader(out);
+  finishMessage(out);
 }
 
 void buildItemListMessage(Buf *out, int code, const Item *head) {
-  rewindBuf(out);
   out->extended = listNeedsExtended(out, head);
-  stuffHeader(out, code);
+  startMessage(out, code);
   writeEventList(out, head);
-  finishHeader(out);
+  finishMessage(out);
 }
 
 /* ==== Reading ==================================================================== */
