@@ -78,24 +78,41 @@ static char *copyValue(const char *text) {
   return copy;
 }
 
+// A decimal number (the writer's form) read directly; other forms through strtol.
 static long numberValue(const char *text) {
-  long v = strtol(text, nullptr, 0);
+  const char *p = text;
+  bool negative = *p == '-';
+  if (negative) p++;
+  long v = 0;
+  if (*p >= '1' && *p <= '9') {
+    while (*p >= '0' && *p <= '9' && v < 100000000000L) v = v * 10 + (*p++ - '0');
+    if (*p != '\0') v = strtol(text, nullptr, 0);
+    else if (negative) v = -v;
+  } else {
+    v = strtol(text, nullptr, 0);
+  }
   return v < INT32_MIN ? INT32_MIN : v > INT32_MAX ? INT32_MAX : v;
 }
 
+// The members are gathered first so that the set is sized once, not grown bit by bit.
 void parseNameSet(char *value, CalSet *set) {
   if (strcmp(value, ALL_NAMES) == 0) {
     addEveryCalendar(set);
     return;
   }
+  int found[64], n = 0, top = -1;
   for (char *name = value; name != nullptr;) {
     char *comma = strchr(name, ',');
     if (comma != nullptr) *comma = '\0';
     int i = *name != '\0' ? calendarIndex(name) : -1;
-    if (i >= 0) setbit(set, i, 1);
+    if (i >= 0 && n < 64) found[n++] = i;
+    else if (i >= 0) setbit(set, i, 1);
+    if (i > top) top = i;
     if (comma != nullptr) *comma = ',';
     name = comma != nullptr ? comma + 1 : nullptr;
   }
+  if (top >= setBitCount(*set) && top < 0xFFFF) allocbits(set, top + 1);
+  for (int k = 0; k < n; k++) setbit(set, found[k], 1);
 }
 
 static int32_t ownerValue(const char *value) {
@@ -212,8 +229,13 @@ static void parseAlarmLine(Item *item, const char *value, ParseState *st) {
   if (rest != nullptr && *rest == ',') st->alarm->freq = uint32_t(strtol(rest + 1, nullptr, 10));
 }
 
+// The alarm's user: the first member of the V set (a single name needs no set).
 static void parseAlarmUser(char *value, ParseState *st) {
   if (st->alarm == nullptr) return;
+  if (strchr(value, ',') == nullptr && strcmp(value, ALL_NAMES) != 0) {
+    st->alarm->user = calendarIndex(value);
+    return;
+  }
   CalSet user = nullptr;
   parseNameSet(value, &user);
   for (int i = 0; i < setBitCount(user); i++)

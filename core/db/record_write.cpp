@@ -1,6 +1,7 @@
 // record_write.cpp -- writes calendar items, list headers and the small line groups of
 // record files through a line writer, and the two sinks those writers fill (a stream
 // and an in-memory text handed on to a stream in large pieces).
+#include <bit>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
@@ -35,21 +36,15 @@ static void appendNumber(std::string &out, unsigned long v, bool negative, int b
   while (n > 0) out.push_back(digits[--n]);
 }
 
-// True when every conversion of fmt is one textLineWriter formats itself.
-static bool simpleFormat(const char *fmt) {
-  for (const char *p = strchr(fmt, '%'); p != nullptr; p = strchr(p, '%')) {
-    p++;
-    if (*p == 'l') p++;
-    if (*p == '\0' || strchr("csdx%", *p) == nullptr) return false;
-    p++;
-  }
-  return true;
-}
-
-static void formatSimple(std::string &out, const char *fmt, va_list ap) {
+// Appends fmt formatted; false at the first conversion other than %c %s %d %ld %x %lx
+// %% (the caller then formats the whole line with vsnprintf instead).
+static bool formatSimple(std::string &out, const char *fmt, va_list ap) {
   for (const char *p = fmt; *p != '\0'; p++) {
     if (*p != '%') {
-      out.push_back(*p);
+      const char *q = p;
+      while (*q != '\0' && *q != '%') q++;
+      out.append(p, size_t(q - p));
+      p = q - 1;
       continue;
     }
     bool isLong = *++p == 'l';
@@ -64,11 +59,14 @@ static void formatSimple(std::string &out, const char *fmt, va_list ap) {
     } else if (*p == 'd') {
       long v = isLong ? va_arg(ap, long) : va_arg(ap, int);
       appendNumber(out, v < 0 ? 0UL - (unsigned long)v : (unsigned long)v, v < 0, 10);
-    } else {  // 'x'
+    } else if (*p == 'x') {
       unsigned long v = isLong ? va_arg(ap, unsigned long) : va_arg(ap, unsigned);
       appendNumber(out, v, false, 16);
+    } else {
+      return false;
     }
   }
+  return true;
 }
 
 int flushTextSink(TextSink *sink) {
@@ -88,20 +86,21 @@ int textLineWriter(void *out, const char *fmt, ...) {
   size_t before = sink->text.size();
   va_list ap;
   va_start(ap, fmt);
-  if (simpleFormat(fmt)) {
-    formatSimple(sink->text, fmt, ap);
-  } else {
-    va_list again;
-    va_copy(again, ap);
-    int n = vsnprintf(nullptr, 0, fmt, again);
-    va_end(again);
+  bool simple = formatSimple(sink->text, fmt, ap);
+  va_end(ap);
+  if (!simple) {  // start again from the first argument
+    sink->text.resize(before);
+    va_start(ap, fmt);
+    int n = vsnprintf(nullptr, 0, fmt, ap);
+    va_end(ap);
     if (n > 0) {
       sink->text.resize(before + size_t(n) + 1);
+      va_start(ap, fmt);
       vsnprintf(&sink->text[before], size_t(n) + 1, fmt, ap);
+      va_end(ap);
       sink->text.resize(before + size_t(n));
     }
   }
-  va_end(ap);
   int written = int(sink->text.size() - before);
   if (sink->file != nullptr && sink->text.size() > sink->flushAt && flushTextSink(sink) != 0)
     return -1;
@@ -126,34 +125,69 @@ static int writeDateTime(void *sink, char tag, const DateTime &dt, const DateTim
   return out(sink, "#%c\t%s\n", tag, text) < 0 ? -1 : 0;
 }
 
-// The members of a non-empty set after the line prefix, and the line end.
-static int writeMembers(void *sink, const uint16_t *set, LineWriter out) {
-  if (setMembers(set) == calendarCount()) return out(sink, "%s\n", ALL_NAMES) < 0 ? -1 : 0;
-  int rc = 0, column = 8;
-  bool first = true;
-  for (int i = 0; i < setBitCount(set); i++) {
-    if (!testbit(set, i)) continue;
-    const char *name = calendarName(i);
-    if (name == nullptr || *name == '\0') return -1;
-    if (!first) {
-      if (out(sink, ",") < 0) rc = -1;
-      if (++column > 60) {
-        if (out(sink, "\\\n\t") < 0) rc = -1;
-        column = 8;
-      }
+// Appends one member's name with the separators of the line. False, with nothing
+// appended, for a member without a name: the line ends there.
+static bool addMember(std::string &line, int index, int *column) {
+  const char *name = calendarName(index);
+  if (name == nullptr || *name == '\0') return false;
+  if (*column >= 0) {  // not the first member
+    line.push_back(',');
+    if (++*column > 60) {
+      line.append("\\\n\t");
+      *column = 8;
     }
-    if (out(sink, "%s", name) < 0) rc = -1;
-    column += int(strlen(name));
-    first = false;
+  } else {
+    *column = 8;
   }
-  if (out(sink, "\n") < 0) rc = -1;
-  return rc;
+  size_t n = strlen(name);
+  line.append(name, n);
+  *column += int(n);
+  return true;
+}
+
+// The members of a non-empty set and the line end, appended to line. Members are found
+// word by word (the set's layout is fixed by calset.h). False at a nameless member.
+static bool addMembers(std::string &line, const uint16_t *set) {
+  if (setMembers(set) == calendarCount()) {
+    line.append(ALL_NAMES).push_back('\n');
+    return true;
+  }
+  int column = -1, bits = setBitCount(set);
+  for (int w = 0; w * 16 < bits; w++) {
+    for (unsigned word = set[1 + w]; word != 0; word &= word - 1) {
+      int i = w * 16 + std::countr_zero(word);
+      if (i >= bits) break;
+      if (!addMember(line, i, &column)) return false;
+    }
+  }
+  line.push_back('\n');
+  return true;
+}
+
+// A set line is gathered whole and handed to the line writer at once; at a nameless
+// member what was gathered is written and the line left unfinished.
+static int writeSetLine(void *sink, std::string &line, const uint16_t *set, LineWriter out) {
+  bool complete = addMembers(line, set);
+  int rc = out(sink, "%s", line.c_str()) < 0 ? -1 : 0;
+  return complete ? rc : -1;
 }
 
 int writeNameSet(void *sink, char tag, const uint16_t *set, LineWriter out) {
   if (setIsEmpty(set)) return 0;
-  int rc = out(sink, "#%c\t", tag) < 0 ? -1 : 0;
-  return writeMembers(sink, set, out) != 0 ? -1 : rc;
+  std::string line = {'#', tag, '\t'};
+  return writeSetLine(sink, line, set, out);
+}
+
+// The set holding only user, written without building it: "__ALL__" when there is just
+// one calendar, else the user's name.
+static int writeUserSet(void *sink, char tag, int user, LineWriter out) {
+  if (user >= 0xFFFF) return 0;  // beyond any set: the set would be empty
+  std::string line = {'#', tag, '\t'};
+  int column = -1;
+  bool complete = calendarCount() == 1 ? (line.append(ALL_NAMES), true) : addMember(line, user, &column);
+  if (complete) line.push_back('\n');
+  int rc = out(sink, "%s", line.c_str()) < 0 ? -1 : 0;
+  return complete ? rc : -1;
 }
 
 static int writeOwner(void *sink, int32_t owner, LineWriter out) {
@@ -186,12 +220,7 @@ static int writeAlarms(void *sink, Item *item, LineWriter out) {
     cutText(a.string);
     if (a.string != nullptr && *a.string != '\0' && out(sink, "#%c\t%s\n", 'E', a.string) < 0)
       rc = -1;
-    if (a.user >= 0) {
-      CalSet user = nullptr;  // the alarm's user as a one-member set, freed at once
-      setbit(&user, a.user, 1);
-      if (writeNameSet(sink, 'V', user, out) != 0) rc = -1;
-      freebits(&user);
-    }
+    if (a.user >= 0 && writeUserSet(sink, 'V', a.user, out) != 0) rc = -1;
   }
   return rc;
 }
@@ -214,8 +243,9 @@ static int writeLabelSets(void *sink, Item *item, LineWriter out) {
     LabelSet &k = item->listD[i];
     if (setIsEmpty(k.set)) continue;
     cutText(k.label);
-    if (out(sink, "#%c\t%s:", 'K', k.label != nullptr ? k.label : "") < 0) rc = -1;
-    if (writeMembers(sink, k.set, out) != 0) rc = -1;
+    std::string line = {'#', 'K', '\t'};
+    line.append(k.label != nullptr ? k.label : "").push_back(':');
+    if (writeSetLine(sink, line, k.set, out) != 0) rc = -1;
   }
   return rc;
 }
