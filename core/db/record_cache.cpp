@@ -50,9 +50,8 @@ RecordFile *findRecordFile(DbHandle *db, const char *path) {
 RecordFile *recordFileOf(DbHandle *db, const Item *item) {
   if (db->records == nullptr || item == nullptr) return nullptr;
   for (RecordFile *rf : db->records->files) {
-    auto range = rf->index.equal_range(item->randomId);
-    for (auto it = range.first; it != range.second; ++it)
-      if (it->second == item) return rf;
+    for (const Item *kept : rf->index)
+      if (kept == item) return rf;
   }
   return nullptr;
 }

@@ -84,7 +84,7 @@ static long numberValue(const char *text) {
   bool negative = *p == '-';
   if (negative) p++;
   long v = 0;
-  if (*p >= '1' && *p <= '9') {
+  if (*p >= '0' && *p <= '9' && (*p != '0' || p[1] == '\0')) {  // no octal or hex
     while (*p >= '0' && *p <= '9' && v < 100000000000L) v = v * 10 + (*p++ - '0');
     if (*p != '\0') v = strtol(text, nullptr, 0);
     else if (negative) v = -v;
@@ -95,8 +95,10 @@ static long numberValue(const char *text) {
 }
 
 // The members are gathered first so that the set is sized once, not grown bit by bit.
+static bool isAllNames(const char *value) { return value[0] == '_' && strcmp(value, ALL_NAMES) == 0; }
+
 void parseNameSet(char *value, CalSet *set) {
-  if (strcmp(value, ALL_NAMES) == 0) {
+  if (isAllNames(value)) {
     addEveryCalendar(set);
     return;
   }
@@ -115,8 +117,55 @@ void parseNameSet(char *value, CalSet *set) {
   for (int k = 0; k < n; k++) setbit(set, found[k], 1);
 }
 
+// The title replaces the item's own (a new item's empty text is grown in place).
+static void setTitle(Item *item, const char *value) {
+  size_t n = strlen(value) + 1;
+  char *title = static_cast<char *>(allocMem(item->title, n));
+  if (title == nullptr) outOfMem("parseItem");
+  memcpy(title, value, n);
+  item->title = title;
+}
+
 static int32_t ownerValue(const char *value) {
-  return strcmp(value, ALL_NAMES) == 0 ? OWNER_ALL : calendarIndex(value);
+  return isAllNames(value) ? OWNER_ALL : calendarIndex(value);
+}
+
+// Up to max hexadecimal digits after "0x"; false when there are none or too many.
+static bool fastHex(const char **text, int max, uint32_t *value) {
+  const char *p = *text;
+  if (p[0] != '0' || p[1] != 'x') return false;
+  p += 2;
+  uint32_t v = 0;
+  int n = 0;
+  for (;; n++, p++) {
+    int d = *p >= '0' && *p <= '9' ? *p - '0' : *p >= 'a' && *p <= 'f' ? *p - 'a' + 10 : -1;
+    if (d < 0) break;
+    if (n == max) return false;
+    v = v << 4 | uint32_t(d);
+  }
+  if (n == 0) return false;
+  *value = v;
+  *text = p;
+  return true;
+}
+
+// A date-time value. The writer's own form ("0x<time>[ @0x<q1>[ %0x<q2>]]") is read
+// here directly, every other form by parseDateTime, which owns the text form.
+static int readDateTime(const char *text, DateTime *out, const DateTime *defaults) {
+  const char *p = text;
+  uint32_t time = 0, q1 = defaults ? defaults->q1 : 0, q2 = defaults ? defaults->q2 : 0;
+  bool ok = fastHex(&p, 8, &time);
+  if (ok && p[0] == ' ' && p[1] == '@') {
+    p += 2;
+    ok = fastHex(&p, 4, &q1);
+    if (ok && p[0] == ' ' && p[1] == '%') {
+      p += 2;
+      ok = fastHex(&p, 4, &q2);
+    }
+  }
+  if (!ok || *p != '\0') return parseDateTime(text, out, defaults);
+  *out = DateTime{int32_t(time), uint16_t(q1), uint16_t(q2)};
+  return 0;
 }
 
 static bool isKindTag(char tag) { return tag == 'T' || tag == 'D' || tag == 'M' || tag == '?'; }
@@ -160,7 +209,7 @@ int parseListHeader(LineScan *scan, Item *head) {
       head->dbName = copyValue(line.value);
     } else if (line.tag == 'B' || line.tag == 'F') {
       DateTime *dt = line.tag == 'B' ? &head->timeValue.start : &head->timeValue.end;
-      if (parseDateTime(line.value, dt, nullptr) != 0) return -1;
+      if (readDateTime(line.value, dt, nullptr) != 0) return -1;
     } else if (CalSet *set = headerSet(head, line.tag)) {
       parseNameSet(line.value, set);
     }
@@ -221,18 +270,19 @@ static void parsePopupLine(Item *item, char *value, ParseState *st) {
   st->popup->title = copyValue(value);
 }
 
-static void parseAlarmLine(Item *item, const char *value, ParseState *st) {
+static void parseAlarmLine(Item *item, char *value, ParseState *st) {
   st->alarm = addAlarmEntry(item);
   st->alarm->user = -1;
-  char *rest = nullptr;
-  st->alarm->start = uint32_t(strtol(value, &rest, 10));
-  if (rest != nullptr && *rest == ',') st->alarm->freq = uint32_t(strtol(rest + 1, nullptr, 10));
+  char *comma = strchr(value, ',');
+  if (comma != nullptr) *comma = '\0';
+  st->alarm->start = uint32_t(numberValue(value));
+  if (comma != nullptr) st->alarm->freq = uint32_t(numberValue(comma + 1));
 }
 
 // The alarm's user: the first member of the V set (a single name needs no set).
 static void parseAlarmUser(char *value, ParseState *st) {
   if (st->alarm == nullptr) return;
-  if (strchr(value, ',') == nullptr && strcmp(value, ALL_NAMES) != 0) {
+  if (strchr(value, ',') == nullptr && !isAllNames(value)) {
     st->alarm->user = calendarIndex(value);
     return;
   }
@@ -276,7 +326,7 @@ static void parseEntryLine(Item *item, const RecordLine &line, ParseState *st) {
       st->userTime->when = initDateTime();
       break;
     case 'Q':
-      if (st->userTime != nullptr) parseDateTime(line.value, &st->userTime->when, st->defaults);
+      if (st->userTime != nullptr) readDateTime(line.value, &st->userTime->when, st->defaults);
       break;
     case 'K': parseLabelLine(item, line.value); break;
     default: break;  // unknown tags and the G line are skipped
@@ -286,10 +336,10 @@ static void parseEntryLine(Item *item, const RecordLine &line, ParseState *st) {
 static void parseItemLine(Item *item, const RecordLine &line, ParseState *st) {
   if (isKindTag(line.tag)) {
     item->dWord = kindOf(line.tag);
-    evsetTitle(item, line.value);
+    setTitle(item, line.value);
   } else if (line.tag == 'B' || line.tag == 'F') {
     DateTime *dt = line.tag == 'B' ? &item->timeValue.start : &item->timeValue.end;
-    if (parseDateTime(line.value, dt, st->defaults) != 0) *dt = initDateTime();
+    if (readDateTime(line.value, dt, st->defaults) != 0) *dt = initDateTime();
   } else if (line.tag == 'J' || line.tag == 'j') {
     evsetDbName(item, line.value);
     item->dbFlag = line.tag == 'j';

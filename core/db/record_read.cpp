@@ -6,8 +6,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <sys/mman.h>
 #include <unistd.h>
-#include <vector>
 
 #include "core/base/base.h"
 #include "core/db/context.h"
@@ -30,16 +30,43 @@ static void restoreSaved(const std::string &path) {
     logMsg("cannot restore %s from its saved copy (errno=%d)", path.c_str(), errno);
 }
 
-// The whole file, with one spare byte for the line scanner. False on a read error.
-static bool readAll(FILE *fp, std::vector<char> *text) {
-  char chunk[65536];
+// The whole file in an area of its own, with one spare byte for the line scanner. The
+// area is mapped directly rather than taken from the heap: a file of many megabytes
+// would otherwise raise the allocator's mapping threshold and make every later large
+// allocation sweep the heap.
+struct FileText {
+  char *data = nullptr;
+  size_t len = 0;
+  size_t cap = 0;
+  ~FileText() {
+    if (data != nullptr) munmap(data, cap);
+  }
+  bool reserve(size_t want) {
+    size_t cap2 = roundUp(long(want), 65536);
+    void *area = mmap(nullptr, cap2, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (area == MAP_FAILED) return false;
+    if (data != nullptr) {
+      memcpy(area, data, len);
+      munmap(data, cap);
+    }
+    data = static_cast<char *>(area);
+    cap = cap2;
+    return true;
+  }
+};
+
+// False on a read error or when no memory is left for the text.
+static bool readAll(FILE *fp, FileText *text) {
   struct stat st;
-  if (retryFstat(fileno(fp), &st) == 0 && st.st_size > 0) text->reserve(size_t(st.st_size) + 1);
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, fp)) > 0) text->insert(text->end(), chunk, chunk + n);
-  if (ferror(fp)) return false;
-  text->push_back('\0');
-  return true;
+  size_t guess = retryFstat(fileno(fp), &st) == 0 && st.st_size > 0 ? size_t(st.st_size) : 0;
+  if (!text->reserve(guess + 1)) return false;
+  for (;;) {
+    if (text->len + 1 == text->cap && !text->reserve(text->cap * 2)) return false;
+    size_t n = fread(text->data + text->len, 1, text->cap - text->len - 1, fp);
+    text->len += n;
+    if (n == 0) break;
+  }
+  return !ferror(fp);
 }
 
 static void reportInvalid(Item *item, Item *previous) {
@@ -66,7 +93,7 @@ static void keepCopy(RecordFile *rf, Item *prev, Item *item) {
     evfree(item);  // a duplicate of a copy already held
   } else {
     chainAppend(prev, item);
-    rf->index.emplace(item->randomId, item);
+    rf->index.push_back(item);
   }
 }
 
@@ -92,22 +119,22 @@ static void readItems(RecordFile *rf, LineScan *scan) {
       continue;
     }
     evlistAppend(&rf->list, item);
-    rf->index.emplace(item->randomId, item);
+    rf->index.push_back(item);
     rf->count++;
   }
 }
 
 // Header and items from an open stream; the file's size and time are taken as read.
 static void readStream(RecordFile *rf, FILE *fp) {
-  std::vector<char> text;
+  FileText text;
   if (!readAll(fp, &text)) return;
   LineScan scan;
-  startLineScan(&scan, text.data(), text.size() - 1);
+  startLineScan(&scan, text.data, text.len);
   if (parseListHeader(&scan, &rf->list) != 0) return;
-  rf->index.reserve(text.size() / 64);
+  rf->index.reserve(text.len / 128);
   readItems(rf, &scan);
   struct stat st;
-  rf->size = long(text.size() - 1);
+  rf->size = long(text.len);
   rf->mtime = retryFstat(fileno(fp), &st) == 0 ? int32_t(st.st_mtime) : NO_TIME;
 }
 

@@ -158,7 +158,7 @@ TEST_F(RecordRead, CopiesChainDuplicatesAndInvalidItemsDrop) {
   EXPECT_STREQ(first->next->dbName, "four");
   EXPECT_EQ(chainLength(first->next), 0);
   EXPECT_STREQ(first->next->next->dbName, "five");
-  EXPECT_EQ(rf->index.count(7), 3u);
+  EXPECT_EQ(recordItemsWithId(rf, 7).size(), 3u);
   freeRecordFile(rf);
 }
 
@@ -172,7 +172,7 @@ TEST_F(RecordRead, MissingAndUnsafeIdsAreDrawnAfresh) {
   for (int i = 0; i < 3; i++, it = it->next) {
     EXPECT_GE(it->randomId, 0) << it->title;
     EXPECT_LE(it->randomId, INT32_MAX - 5000) << it->title;
-    EXPECT_EQ(rf->index.count(it->randomId), 1u);
+    EXPECT_EQ(recordItemsWithId(rf, it->randomId).size(), 1u);
   }
   EXPECT_EQ(it->randomId, INT32_MAX - 5000);
   freeRecordFile(rf);
@@ -216,6 +216,37 @@ TEST_F(RecordRead, WithoutUserStateTheCacheIsDropped) {
   EXPECT_NE(log.find(", aborting read of " + dir.at("cal") + "\n"), std::string::npos) << log;
   EXPECT_EQ(db->records, nullptr);
   EXPECT_EQ(db->dropRecords, nullptr);
+}
+
+}  // namespace
+}  // namespace quorvel
+
+namespace quorvel {
+namespace {
+
+// The reader reads its own date-time form directly; every text must still come out
+// as parseDateTime reads it (a malformed one as the initial value).
+TEST(RecordDateTimeValues, ReadAsParseDateTimeReadsThem) {
+  const char *texts[] = {"0x10", "0x10 @0x2", "0x10 @0x2 %0x3", "0xffffffff @0xffff %0xffff",
+                         "0x80000000 @0x0 %0x0", "0X10 @0x2", "0x10  @0x2", "0x10 @0x2 %0x3 ",
+                         "0x1234567890", "0xffffffff80000000", "0x10 @0x10000", "0x10 %0x3",
+                         "0x", "10", "0x10 @", "0x10 @0x2 %", "0xAbC @0xD %0xe", "\t0x5 @0x1",
+                         "0x10 @0x2 %0x3 junk", "0x00000000010 @0x00001"};
+  const DateTime defaults{7, 9, 11};
+  for (const char *t : texts)
+    for (const DateTime *def : {static_cast<const DateTime *>(nullptr), &defaults}) {
+      DateTime want = initDateTime();
+      if (parseDateTime(t, &want, def) != 0) want = initDateTime();
+      std::string text = std::string("#T\tx\n#B\t") + t + "\n\n";
+      LineScan scan;
+      startLineScan(&scan, text.data(), text.size() - 1);
+      Item *item = parseItem(&scan, def);
+      ASSERT_NE(item, nullptr);
+      EXPECT_TRUE(sameDateTime(item->timeValue.start, want))
+          << "'" << t << "' read as " << item->timeValue.start.time << "/" << item->timeValue.start.q1
+          << "/" << item->timeValue.start.q2;
+      evfree(item);
+    }
 }
 
 }  // namespace

@@ -226,3 +226,38 @@ TEST(TextLineWriter, HandsTextToItsFileAndReportsFailure) {
 
 }  // namespace
 }  // namespace quorvel
+
+namespace quorvel {
+namespace {
+
+// The writer builds date-time lines itself; they must be formatDateTime's text.
+TEST(RecordDateTimeLines, MatchFormatDateTimeWithAndWithoutDefaults) {
+  const int32_t times[] = {0, 1, 0x7fffffff, NO_TIME, -1, 1700000000};
+  const uint16_t quals[] = {0, 1, 0xabc, 0xffff};
+  const DateTime defaults[] = {{0, 0, 0}, {5, 1, 0xffff}, {9, 0xabc, 1}};
+  for (int32_t t : times)
+    for (uint16_t q1 : quals)
+      for (uint16_t q2 : quals) {
+        DateTime dt{t, q1, q2};
+        for (int d = -1; d < 3; d++) {
+          const DateTime *def = d < 0 ? nullptr : &defaults[d];
+          char want[DATETIME_TEXT];
+          ASSERT_GT(formatDateTime(want, sizeof want, dt, def), 0);
+          TextSink sink;
+          writeRangeGroup(&sink, {dt, dt}, textLineWriter);  // range lines: no defaults
+          if (def == nullptr) {
+            EXPECT_EQ(sink.text.substr(0, sink.text.find('\n')), std::string("#B\t") + want);
+          }
+          Item *item = evnew();
+          item->timeValue = {dt, dt};
+          sink.text.clear();
+          writeItem(&sink, item, def, textLineWriter);
+          size_t b = sink.text.find("#B\t");
+          EXPECT_EQ(sink.text.substr(b, sink.text.find('\n', b) - b), std::string("#B\t") + want);
+          evfree(item);
+        }
+      }
+}
+
+}  // namespace
+}  // namespace quorvel

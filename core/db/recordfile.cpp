@@ -71,8 +71,15 @@ void discardRecordFile(RecordFile *rf) {
 
 void addRecordItem(RecordFile *rf, Item *item) {
   evlistAppend(&rf->list, item);
-  rf->index.emplace(item->randomId, item);
+  rf->index.push_back(item);
   rf->dirty = true;
+}
+
+std::vector<Item *> recordItemsWithId(const RecordFile *rf, int32_t id) {
+  std::vector<Item *> found;
+  for (Item *item : rf->index)
+    if (item->randomId == id) found.push_back(item);
+  return found;
 }
 
 /* ==== Durability =================================================================== */

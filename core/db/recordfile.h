@@ -22,7 +22,7 @@
 
 #include <cstdint>
 #include <string>
-#include <unordered_map>
+#include <vector>
 
 #include "core/items/item.h"
 
@@ -36,7 +36,7 @@ struct RecordFile {
   int32_t dirTime;       // the directory's modification time as last seen, NO_TIME
   DbHandle *db;          // dumb pointer: the database the file belongs to (may be null)
   Item list;             // head: the header (owner, name, range, sets) and the items
-  std::unordered_multimap<int32_t, Item *> index;  // every kept item by its I value
+  std::vector<Item *> index;  // every kept item, chained copies included, in file order
   int32_t mtime;         // modification time as last seen, NO_TIME when unknown
   long size;             // byte size as last read or written: expected at next write
   int count;             // record count as last read or written: expected likewise
@@ -55,6 +55,8 @@ void freeRecordFile(RecordFile *rf);
 void discardRecordFile(RecordFile *rf);
 // Appends a new item to the file's list and index and marks the file dirty.
 void addRecordItem(RecordFile *rf, Item *item);
+// The kept items (chained copies included) whose I value is id, in file order.
+std::vector<Item *> recordItemsWithId(const RecordFile *rf, int32_t id);
 
 /* ---- Reading -------------------------------------------------------------------- */
 
