@@ -3,9 +3,7 @@
 #include "core/date/datetime.h"
 
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace quorvel {
@@ -31,18 +29,22 @@ uint32_t get32(const uint8_t *in) {
 uint16_t get16(const uint8_t *in) { return uint16_t(in[0] << 8 | in[1]); }
 
 // Reads "0x<hex>" at *text (after blanks), moving *text past it; false when absent
-// or out of range for max.
-bool readHex(const char **text, unsigned long max, unsigned long *value) {
+// or out of range for max. (Digits are taken by hand: strtoul would also take a
+// second "0x" prefix, a sign or blanks after the first one.)
+bool readHex(const char **text, uint64_t max, uint64_t *value) {
   const char *p = *text;
   while (*p == ' ' || *p == '\t') p++;
   if (p[0] != '0' || (p[1] != 'x' && p[1] != 'X')) return false;
-  if (!isxdigit(static_cast<unsigned char>(p[2]))) return false;
-  char *end = nullptr;
-  errno = 0;
-  unsigned long v = strtoul(p + 2, &end, 16);
-  if (errno != 0 || v > max) return false;
+  p += 2;
+  if (!isxdigit(static_cast<unsigned char>(*p))) return false;
+  uint64_t v = 0;
+  for (; isxdigit(static_cast<unsigned char>(*p)); p++) {
+    int digit = isdigit(static_cast<unsigned char>(*p)) ? *p - '0' : (*p | 0x20) - 'a' + 10;
+    if (v > (max - uint64_t(digit)) / 16) return false;
+    v = v * 16 + uint64_t(digit);
+  }
   *value = v;
-  *text = end;
+  *text = p;
   return true;
 }
 
@@ -97,11 +99,11 @@ int formatDateTime(char *out, size_t cap, const DateTime &dt, const DateTime *de
 
 int parseDateTime(const char *text, DateTime *out, const DateTime *defaults) {
   const char *p = text;
-  unsigned long time = 0, q1 = 0, q2 = 0;
+  uint64_t time = 0, q1 = 0, q2 = 0;
   // The time is a 32-bit pattern; a writer that sign-extended it to 64 bits is accepted.
-  if (!readHex(&p, ~0ul, &time)) return -1;
-  if (time > 0xFFFFFFFFul && time < 0xFFFFFFFF80000000ul) return -1;
-  DateTime dt{int32_t(uint32_t(time & 0xFFFFFFFFul)), defaults ? defaults->q1 : uint16_t(0),
+  if (!readHex(&p, UINT64_MAX, &time)) return -1;
+  if (time > 0xFFFFFFFFu && time < 0xFFFFFFFF80000000u) return -1;
+  DateTime dt{int32_t(uint32_t(time & 0xFFFFFFFFu)), defaults ? defaults->q1 : uint16_t(0),
               defaults ? defaults->q2 : uint16_t(0)};
   while (*p == ' ' || *p == '\t') p++;
   if (*p == '@') {

@@ -153,7 +153,8 @@ void setBufMarkB(Buf *buf, int32_t value) { buf->markB = value; }
 /* ---- Fields ------------------------------------------------------------------- */
 
 void StuffBuf(Buf *buf, const void *src, size_t nbytes, int granularity, uint32_t tag) {
-  if (nbytes == 0) return;
+  // (nothing past the growth cap can ever be held; also keeps the sums below in range)
+  if (nbytes == 0 || nbytes > UINT32_MAX) return;
   bool tagged = tag != BUF_UNTAGGED;
   size_t need = size_t(roundUp(long(nbytes) + (tagged ? 4 : 0), 4));
   bool badSize = granularity <= 0 || nbytes % size_t(granularity) != 0;
@@ -183,7 +184,7 @@ int32_t peekTag(const Buf *buf, uint32_t *length) {
   *length = 0;
   if (buf->data == nullptr || bufUsed(buf) + 4 > buf->size) return -1;
   uint32_t word;
-  memcpy(&word, buf->cursor, 4);
+  memcpy(&word, bufPosition(buf), 4);
   word = ntohl(word);
   *length = word & BUF_MAX_FIELD;
   return int32_t(word & ~BUF_MAX_FIELD);
@@ -199,7 +200,9 @@ int32_t ReadBuf(Buf *buf, void *dst, size_t nbytes, int granularity, int tagged)
   }
   if (length == 0) return 0;
   size_t space = size_t(roundUp(long(length) + (tagged ? 4 : 0), 4));
-  if (buf->size < bufUsed(buf) + length + 4 || (tagged && length > nbytes)) {
+  // (size < used + length + 4, written so that a huge untagged length cannot wrap)
+  size_t room = buf->size - bufUsed(buf);
+  if (length > room || room - length < 4 || (tagged && length > nbytes)) {
     fprintf(stderr, "ReadBuf: overflowed buffer\n");
     advance(buf, 4);
     return -1;
@@ -215,7 +218,7 @@ int32_t ReadBuf(Buf *buf, void *dst, size_t nbytes, int granularity, int tagged)
 }
 
 int skipField(Buf *buf, size_t n) {
-  if (buf->size >= bufUsed(buf) + n) {
+  if (n <= buf->size - bufUsed(buf)) {
     advance(buf, size_t(roundUp(long(n), 4)));
     return 0;
   }

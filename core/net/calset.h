@@ -12,8 +12,9 @@
 //    member's name followed by "`", then a NUL; T counts all of it. Not padded.
 //  - bits: the bit count and the words, each a 16-bit network-order value; at most
 //    NETBITS_MAX bytes (2032 bits).
-// An absent set is four zero bytes in both; so is a set without members as bits. Readers refuse oversize fields with
-// their one-line report and count them as a 4-byte empty field.
+// An absent set is four zero bytes in both; so is a set without members as bits.
+// Readers refuse oversize fields with their one-line report and count them as a 4-byte
+// empty field.
 // Results: byte counts as stated; -1 when an output area is too small.
 #pragma once
 
