@@ -242,11 +242,11 @@ int readText(Buf *in, const Field &f, const char *what, char **out) {
   if (what != nullptr && f.len > uint32_t(WIRE_TEXT_MAX)) {
     return refuse("%s len too long: %d", what, int(f.len));
   }
+  // (an empty field cannot come from StuffBuf, and ReadBuf would not move past it)
+  if (f.len == 0) return refuse("bad size 0 for field '%c'", f.tag);
   char *text = static_cast<char *>(allocMem(nullptr, f.len + 1));
   if (text == nullptr) outOfMem("readEvent");
-  // (a zero length reads nothing and would not move the cursor: step over the word)
-  int r = f.len == 0 ? skipField(in, 4) : ReadBuf(in, text, f.len, 1, 1);
-  if (r == -1) {
+  if (ReadBuf(in, text, f.len, 1, 1) == -1) {
     freeMem(text);
     return -1;
   }
@@ -391,18 +391,16 @@ int readAlarm(Buf *in, Item *item) {
   return 0;
 }
 
-// After the time value: the seven sets, popups and alarms, then value8.
+// After the time value: the seven sets, the popup groups, the alarm groups, value8.
 int readMiddle(Buf *in, Item *item) {
   if (readSevenSets(in, item) < 0) return -1;
-  for (;;) {
-    if (popupAhead(in)) {
-      if (readPopup(in, item) < 0) return -1;
-    } else if (alarmAhead(in)) {
-      if (readAlarm(in, item) < 0) return -1;
-    } else {
-      return readDateTime(in, &item->value8);
-    }
+  while (popupAhead(in)) {
+    if (readPopup(in, item) < 0) return -1;
   }
+  while (alarmAhead(in)) {
+    if (readAlarm(in, item) < 0) return -1;
+  }
+  return readDateTime(in, &item->value8);
 }
 
 int readUserTime(Buf *in, const Field &f, Item *item) {
@@ -450,9 +448,13 @@ int readTailField(Buf *in, Item *item) {
   }
 }
 
-// Whether `item` continues the chain ending in `last`: a copy in another database.
-bool chainsOnto(const Item *last, const Item *item) {
-  return last->randomId == item->randomId && strcmp(last->title, item->title) == 0;
+// Whether `item` is another database's copy of the list item `top`, told the way the
+// record files tell it: the same I and F numbers (I not negative), the same title, and
+// not both with an owner.
+bool isCopyOf(const Item *top, const Item *item) {
+  return item->randomId >= 0 && top->randomId == item->randomId &&
+         top->fNumber == item->fNumber && strcmp(top->title, item->title) == 0 &&
+         !(top->owner >= 0 && item->owner >= 0);
 }
 
 }  // namespace
@@ -469,8 +471,7 @@ int readEvent(Buf *in, Item *item) {
 
 int readEventList(Buf *in, Item *head, uint32_t end) {
   int count = 0;
-  Item *last = nullptr;  // the last item read, list member or chained
-  Item *top = nullptr;   // the list member whose chain `last` ends
+  Item *top = nullptr;  // the last list member read; copies of it join its chain
   while (bufUsed(in) < end) {
     Item *item = evnew();
     int r = readEvent(in, item);
@@ -479,14 +480,13 @@ int readEventList(Buf *in, Item *head, uint32_t end) {
       evfree(item);
       return -1;
     }
-    if (last != nullptr && chainsOnto(last, item)) {
+    if (top != nullptr && isCopyOf(top, item)) {
       chainAppend(top, item);
     } else {
       evlistAppend(head, item);
       top = item;
       count++;
     }
-    last = item;
   }
   return count;
 }

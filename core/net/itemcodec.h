@@ -18,12 +18,18 @@
 //   I number, H number, then (peer x.2+) A G F E numbers, (peer x.4+) g k bytes
 //   L number (only when the link byte is set), z number (the link byte, or 0)
 //
-// The reader is strict about order once "W" is read: the time value, the seven sets in
-// their order, the popup and alarm groups (each recognised by the tag words of the
-// whole group, which the untagged value8 and the fields behind it cannot imitate),
-// value8, then tagged fields in any order up to "z".
-// Before "W" the fields may come in any order. "i", "d", "r" and "l" (written by older
-// peers) are accepted in the tagged runs and skipped.
+// The reader is strict about order once "W" is read: the time value right behind it,
+// the seven sets in their order, the popup groups, the alarm groups, value8, then
+// tagged fields in any order up to "z". Before "W" the fields may come in any order.
+// "i", "d", "r" and "l" (written by older peers) are accepted in the tagged runs and
+// skipped. An empty field (length 0, which StuffBuf never writes) is refused.
+//
+// No count travels for the popup and alarm groups, and value8 is 8 bytes of any value,
+// so where value8 stands is found by look-ahead: a group is taken only when the tag
+// words of the whole group line up ("p", then "m" and "m"; "a" of 12 bytes, then "e",
+// with no "q", "c" or "I" where value8's successor would stand). Only a value8 whose
+// time reads as such a tag word (one second of 27 July 2021 for "a", a day from 18 July
+// 2029 on for "p") and whose following bytes complete the group could be misread.
 //
 // Sets travel in the bit encoding (writenetbits) as bytes. Version gates read the
 // peer's version kept in the buffer; a gate on the second number also needs the first
@@ -31,8 +37,9 @@
 //
 // Item messages: a header with the request code, then the items, each followed at
 // once by its chained item (and that one's chain). Chained items are copies of their
-// item in other databases: a reader takes an item with the same random identifier and
-// title as the one before it for that one's chained item. A single-item message is
+// item in other databases, and the reader tells them as the record files do: an item
+// with the I and F numbers (I not negative) and the title of the list item before it,
+// when not both have an owner (>= 0), joins that item's chain. A single-item message is
 // extended when the item has a chained item or the type letter 'd'; without an item
 // it is a header alone with code 55. A list message is extended only when the peer is
 // x.4+ and some item has a chained item or the type letter 'd'.
@@ -92,8 +99,8 @@ void buildItemListMessage(Buf *out, int code, const Item *head);
 int readEvent(Buf *in, Item *item);
 
 // Reads items until the cursor reaches byte offset `end` of the buffer, appending
-// them to the list at `head`; an item with the random identifier and title of the one
-// before it is hung on that one's chain instead. Returns the number of list items read
+// them to the list at `head`; a copy of the list item before it (see above) is hung on
+// that one's chain instead. Returns the number of list items read
 // or -1 (the items read before the failure stay in the list; the caller frees them).
 int readEventList(Buf *in, Item *head, uint32_t end);
 
