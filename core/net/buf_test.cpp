@@ -1,8 +1,7 @@
-// Tests of the message buffer: creation, growth in 3996-byte blocks and its cap, the
-// tagged-field layout StuffBuf writes and ReadBuf reads back, and the reports.
+// Tests of the message buffer: the field layout StuffBuf writes, growth in 3996-byte
+// blocks and its cap, ReadBuf's fit and size checks with their reports, the cursor.
 #include "core/net/buf.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -20,155 +19,149 @@ struct BufFree {
 };
 using BufPtr = std::unique_ptr<Buf, BufFree>;
 
-BufPtr newBuf() { return BufPtr(NewBuf()); }
-
-uint32_t wordAt(const Buf *b, size_t off) {
-  uint32_t w;
-  memcpy(&w, bufAt(b, off), 4);
-  return ntohl(w);
+// A buffer of exactly bytes.size() bytes holding bytes, cursor at start.
+BufPtr bufOf(const std::vector<uint8_t> &bytes, size_t start = 0) {
+  BufPtr b(NewBuf());
+  growBuf(b.get(), bytes.size());
+  if (!bytes.empty()) memcpy(bufData(b.get()), bytes.data(), bytes.size());
+  seekBuf(b.get(), start);
+  return b;
 }
 
+// Bytes [from, to) as hex, a blank after every 4 bytes.
+std::string hex(const Buf *b, size_t from, size_t to) {
+  std::string out;
+  char two[3];
+  for (size_t i = from; i < to; i++) {
+    snprintf(two, sizeof two, "%02x", *bufAt(b, i));
+    out += two;
+    if ((i - from) % 4 == 3 && i + 1 < to) out += ' ';
+  }
+  return out;
+}
+
+template <class F>
+std::string stderrOf(F f) {
+  testing::internal::CaptureStderr();
+  f();
+  return testing::internal::GetCapturedStderr();
+}
+
+template <class T>
+std::vector<uint8_t> native(std::initializer_list<T> values) {
+  std::vector<uint8_t> out(values.size() * sizeof(T));
+  memcpy(out.data(), std::data(values), out.size());
+  return out;
+}
+
+std::vector<uint8_t> text(const char *s) { return std::vector<uint8_t>(s, s + strlen(s)); }
+
 TEST(NewBuf, StartsEmptyWithMarksAndLimits) {
-  BufPtr b = newBuf();
+  BufPtr b(NewBuf());
   EXPECT_EQ(b->data, nullptr);
-  EXPECT_EQ(b->cursor, nullptr);
-  EXPECT_EQ(b->size, 0u);
+  EXPECT_EQ(bufPosition(b.get()), nullptr);
+  EXPECT_EQ(bufSize(b.get()) + bufUsed(b.get()), 0u);
   EXPECT_EQ(bufMarkA(b.get()), INT32_MIN);
   EXPECT_EQ(bufMarkB(b.get()), INT32_MIN);
   EXPECT_EQ(b->limitA, 3000);
   EXPECT_EQ(b->limitB, 1024);
-  EXPECT_EQ(bufCount(b.get()), 0);
-  EXPECT_EQ(bufStatus(b.get()), 0);
-  EXPECT_EQ(b->peerMajor, 0);
-  EXPECT_EQ(b->extended, 0);
-  EXPECT_EQ(bufUsed(b.get()), 0u);
-  EXPECT_EQ(bufPosition(b.get()), nullptr);
+  EXPECT_EQ(b->count | b->status | b->owner | b->guard | b->statusRepeats, 0);
+  EXPECT_EQ(b->peerMajor | b->peerMinor | b->extended, 0);
 }
 
-TEST(StuffBuf, PadsTaggedFieldsToFourBytes) {
-  BufPtr b = newBuf();
-  StuffBuf(b.get(), "hello", 5, 1, bufTag('T'));
-  EXPECT_EQ(bufUsed(b.get()), 12u);
-  EXPECT_EQ(wordAt(b.get(), 0), 0x54000005u);
-  EXPECT_EQ(memcmp(bufAt(b.get(), 4), "hello\0\0\0", 8), 0);
-
-  StuffBuf(b.get(), "hello", 5, 1, BUF_UNTAGGED);
-  EXPECT_EQ(bufUsed(b.get()), 20u);
-  EXPECT_EQ(memcmp(bufAt(b.get(), 12), "hello\0\0\0", 8), 0);
-
-  // An exact multiple of 4 gets no padding.
-  StuffBuf(b.get(), "abcd", 4, 1, bufTag('J'));
-  EXPECT_EQ(bufUsed(b.get()), 28u);
-  EXPECT_EQ(wordAt(b.get(), 20), 0x4A000004u);
+TEST(StuffBuf, PadsFieldsToFourBytesAndConvertsIntegers) {
+  struct Row {
+    std::vector<uint8_t> payload;
+    int granularity;
+    uint32_t tag;
+    const char *bytes;
+  } rows[] = {
+      {text("hello"), 1, bufTag('T'), "54000005 68656c6c 6f000000"},
+      {text("hello"), 1, BUF_UNTAGGED, "68656c6c 6f000000"},
+      {text("abcd"), 1, bufTag('J'), "4a000004 61626364"},
+      {native<uint16_t>({0x0102, 0xA0B0, 7}), 2, bufTag('D'), "44000006 0102a0b0 00070000"},
+      {native<int32_t>({-2, 0x11223344}), 4, BUF_UNTAGGED, "fffffffe 11223344"},
+      // A granularity the copy does not know: the tag word, then zeros.
+      {text("abcdef"), 3, bufTag('Q'), "51000006 00000000 00000000"},
+  };
+  for (const Row &r : rows) {
+    BufPtr b(NewBuf());
+    StuffBuf(b.get(), "xyz", 3, 1, bufTag('A'));  // the field goes after what is there
+    StuffBuf(b.get(), r.payload.data(), r.payload.size(), r.granularity, r.tag);
+    EXPECT_EQ(hex(b.get(), 8, bufUsed(b.get())), r.bytes) << r.bytes;
+    EXPECT_EQ(hex(b.get(), 0, 8), "41000003 78797a00");
+  }
 }
 
-TEST(StuffBuf, ConvertsIntegersToNetworkOrder) {
-  BufPtr b = newBuf();
-  uint16_t shorts[3] = {0x0102, 0xA0B0, 7};
-  StuffBuf(b.get(), shorts, sizeof shorts, 2, bufTag('D'));
-  const uint8_t *p = bufAt(b.get(), 4);
-  EXPECT_EQ(std::vector<uint8_t>(p, p + 8),
-            (std::vector<uint8_t>{0x01, 0x02, 0xA0, 0xB0, 0x00, 0x07, 0, 0}));
-  int32_t longs[2] = {-2, 0x11223344};
-  StuffBuf(b.get(), longs, sizeof longs, 4, BUF_UNTAGGED);
-  p = bufAt(b.get(), 12);
-  EXPECT_EQ(std::vector<uint8_t>(p, p + 8),
-            (std::vector<uint8_t>{0xFF, 0xFF, 0xFF, 0xFE, 0x11, 0x22, 0x33, 0x44}));
-}
-
-TEST(StuffBuf, BadGranularityReportsAndWritesNothing) {
-  BufPtr b = newBuf();
+TEST(StuffBuf, BadSizeReportsAndWritesNothing) {
+  BufPtr b(NewBuf());
   StuffBuf(b.get(), "x", 1, 1, bufTag('A'));
-  size_t used = bufUsed(b.get());
-  std::vector<uint8_t> before(bufData(b.get()), bufData(b.get()) + bufSize(b.get()));
-  testing::internal::CaptureStderr();
-  StuffBuf(b.get(), "abc", 3, 2, bufTag('B'));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "StuffBuf: bad size: 3, granularity: 2\n");
-  EXPECT_EQ(bufUsed(b.get()), used);
-  EXPECT_EQ(std::vector<uint8_t>(bufData(b.get()), bufData(b.get()) + bufSize(b.get())), before);
-
-  // A granularity the copy does not know writes the tag word and leaves zeros.
-  BufPtr g = newBuf();
-  StuffBuf(g.get(), "abcdef", 6, 3, bufTag('Q'));
-  EXPECT_EQ(bufUsed(g.get()), 12u);
-  EXPECT_EQ(wordAt(g.get(), 0), 0x51000006u);
-  EXPECT_EQ(wordAt(g.get(), 4), 0u);
-  EXPECT_EQ(wordAt(g.get(), 8), 0u);
-
-  // Nothing at all for an empty payload, tagged or not.
-  StuffBuf(b.get(), "", 0, 1, bufTag('T'));
-  StuffBuf(b.get(), "", 0, 1, BUF_UNTAGGED);
-  EXPECT_EQ(bufUsed(b.get()), used);
+  std::string before = hex(b.get(), 0, bufSize(b.get()));
+  EXPECT_EQ(stderrOf([&] { StuffBuf(b.get(), "abc", 3, 2, bufTag('B')); }),
+            "StuffBuf: bad size: 3, granularity: 2\n");
+  EXPECT_EQ(stderrOf([&] {
+              StuffBuf(b.get(), "", 0, 1, bufTag('T'));  // empty payloads: nothing at all
+              StuffBuf(b.get(), "", 0, 1, BUF_UNTAGGED);
+            }),
+            "");
+  EXPECT_EQ(bufUsed(b.get()), 4u + 4);
+  EXPECT_EQ(hex(b.get(), 0, bufSize(b.get())), before);
 }
 
-TEST(GrowBuf, GrowsInBlocksAndKeepsTheCursor) {
-  BufPtr b = newBuf();
+TEST(GrowBuf, GrowsInBlocksKeepingCursorAndContents) {
+  BufPtr b(NewBuf());
   StuffBuf(b.get(), "abc", 3, 1, bufTag('T'));
   EXPECT_EQ(bufSize(b.get()), 3996u);
-  EXPECT_EQ(bufUsed(b.get()), 8u);
-  // Everything the field did not fill is zero: its pad byte and the rest of the block.
   for (size_t i = 7; i < bufSize(b.get()); i++) ASSERT_EQ(*bufAt(b.get(), i), 0) << i;
 
-  // Filling the first block exactly does not grow; one more field does, by one block.
+  // Filling the block exactly does not grow; one byte more grows by one block.
   std::string fill(3996 - 8 - 4, 'x');
   StuffBuf(b.get(), fill.data(), fill.size(), 1, bufTag('X'));
-  EXPECT_EQ(bufUsed(b.get()), 3996u);
   EXPECT_EQ(bufSize(b.get()), 3996u);
   StuffBuf(b.get(), "y", 1, 1, bufTag('Y'));
   EXPECT_EQ(bufSize(b.get()), 2u * 3996);
   EXPECT_EQ(bufUsed(b.get()), 4004u);
-  EXPECT_EQ(memcmp(bufAt(b.get(), 4), "abc", 3), 0);
+  EXPECT_EQ(hex(b.get(), 0, 8), "54000003 61626300");
 
-  // A field larger than a block grows by the field rounded up to whole blocks.
+  // A field beyond a block grows by itself rounded up to whole blocks (10004 -> 3).
   std::string big(10000, 'z');
   StuffBuf(b.get(), big.data(), big.size(), 1, bufTag('Z'));
-  EXPECT_EQ(bufSize(b.get()), 2u * 3996 + 3 * 3996);
+  EXPECT_EQ(bufSize(b.get()), 5u * 3996);
   EXPECT_EQ(memcmp(bufAt(b.get(), 4008), big.data(), big.size()), 0);
-
-  // New bytes are zero.
   growBuf(b.get(), 100);
   EXPECT_EQ(bufSize(b.get()), 5u * 3996 + 100);
-  for (size_t i = 5 * 3996; i < bufSize(b.get()); i++) ASSERT_EQ(*bufAt(b.get(), i), 0) << i;
+  EXPECT_EQ(hex(b.get(), 5 * 3996 + 96, 5 * 3996 + 100), "00000000");
+  EXPECT_EQ(bufUsed(b.get()), 4008u + 10000);
+
+  // reserveBuf grows by the request (rounded to blocks) only when it exceeds the size.
+  BufPtr r(NewBuf());
+  reserveBuf(r.get(), 5000);
+  reserveBuf(r.get(), 7992);
+  EXPECT_EQ(bufSize(r.get()), 2u * 3996);
+  reserveBuf(r.get(), 7993);
+  EXPECT_EQ(bufSize(r.get()), 5u * 3996);
 }
 
-TEST(GrowBuf, IgnoresRequestsBeyondTheCap) {
-  BufPtr b = newBuf();
+TEST(GrowBuf, IgnoresGrowthBeyondTheCap) {
+  BufPtr b(NewBuf());
   growBuf(b.get(), 0);
-  EXPECT_EQ(bufSize(b.get()), 0u);
   growBuf(b.get(), 16000001);
-  EXPECT_EQ(bufSize(b.get()), 0u);
   EXPECT_EQ(b->data, nullptr);
   growBuf(b.get(), 16000000);
   EXPECT_EQ(bufSize(b.get()), 16000000u);
 
-  // A field whose block-rounded growth passes the cap is not written at all.
-  BufPtr c = newBuf();
+  // A field whose block-rounded growth passes the cap is dropped silently; the
+  // largest one a growth can hold goes through.
+  BufPtr c(NewBuf());
   std::vector<char> huge(16000000, 'q');
-  testing::internal::CaptureStderr();
-  StuffBuf(c.get(), huge.data(), huge.size(), 1, bufTag('T'));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(stderrOf([&] { StuffBuf(c.get(), huge.data(), huge.size(), 1, bufTag('T')); }), "");
   EXPECT_EQ(bufSize(c.get()), 0u);
-  EXPECT_EQ(bufUsed(c.get()), 0u);
-
-  // The largest field one growth can hold goes through.
-  size_t most = 4004 * 3996 - 4;
-  StuffBuf(c.get(), huge.data(), most, 1, bufTag('T'));
-  EXPECT_EQ(bufSize(c.get()), 4004u * 3996);
-  EXPECT_EQ(bufUsed(c.get()), most + 4);
-}
-
-TEST(ReserveBuf, GrowsOnlyWhenTheRequestExceedsTheSize) {
-  BufPtr b = newBuf();
-  reserveBuf(b.get(), 5000);
-  EXPECT_EQ(bufSize(b.get()), 2u * 3996);
-  reserveBuf(b.get(), 7992);
-  EXPECT_EQ(bufSize(b.get()), 2u * 3996);
-  reserveBuf(b.get(), 7993);
-  EXPECT_EQ(bufSize(b.get()), 5u * 3996);  // grows by the request, not up to it
+  StuffBuf(c.get(), huge.data(), 4004 * 3996 - 4, 1, bufTag('T'));
+  EXPECT_EQ(bufUsed(c.get()), 4004u * 3996);
 }
 
 TEST(ReadBuf, ReadsBackWhatStuffBufWrote) {
-  BufPtr b = newBuf();
+  BufPtr b(NewBuf());
   uint16_t shorts[2] = {0xBEEF, 3};
   int32_t longs[3] = {-1, INT32_MIN, 12345678};
   StuffBuf(b.get(), "title", 6, 1, bufTag('T'));
@@ -177,146 +170,98 @@ TEST(ReadBuf, ReadsBackWhatStuffBufWrote) {
   StuffBuf(b.get(), "end!", 4, 1, bufTag('z'));
   rewindBuf(b.get());
 
-  char text[16] = {};
-  EXPECT_EQ(ReadBuf(b.get(), text, sizeof text, 1, 1), int32_t(bufTag('T')));
-  EXPECT_STREQ(text, "title");
-  EXPECT_EQ(bufUsed(b.get()), 12u);
+  char title[16] = {};
   uint16_t s[2] = {};
-  EXPECT_EQ(ReadBuf(b.get(), s, sizeof s, 2, 1), int32_t(bufTag('D')));
-  EXPECT_EQ(s[0], 0xBEEF);
-  EXPECT_EQ(s[1], 3);
   int32_t l[3] = {};
-  EXPECT_EQ(ReadBuf(b.get(), l, sizeof l, 4, 0), 0);
-  EXPECT_EQ(l[0], -1);
-  EXPECT_EQ(l[1], INT32_MIN);
-  EXPECT_EQ(l[2], 12345678);
   char end[4];
+  EXPECT_EQ(ReadBuf(b.get(), title, sizeof title, 1, 1), int32_t(bufTag('T')));
+  EXPECT_EQ(bufUsed(b.get()), 12u);
+  EXPECT_EQ(ReadBuf(b.get(), s, sizeof s, 2, 1), int32_t(bufTag('D')));
+  EXPECT_EQ(ReadBuf(b.get(), l, sizeof l, 4, 0), 0);
   EXPECT_EQ(ReadBuf(b.get(), end, sizeof end, 1, 1), int32_t(bufTag('z')));
+  EXPECT_STREQ(title, "title");
+  EXPECT_EQ(std::vector<uint16_t>(s, s + 2), (std::vector<uint16_t>{0xBEEF, 3}));
+  EXPECT_EQ(std::vector<int32_t>(l, l + 3), (std::vector<int32_t>{-1, INT32_MIN, 12345678}));
   EXPECT_EQ(memcmp(end, "end!", 4), 0);
 }
 
-TEST(ReadBuf, AsksForFourBytesBeyondUntaggedPayloads) {
-  // A buffer whose size is exactly what was written: the last untagged word fails.
-  BufPtr b = newBuf();
-  growBuf(b.get(), 8);
-  int32_t in[2] = {1, 2};
-  StuffBuf(b.get(), in, sizeof in, 4, BUF_UNTAGGED);
-  EXPECT_EQ(bufUsed(b.get()), 8u);
-  rewindBuf(b.get());
-  int32_t out = 0;
-  EXPECT_EQ(ReadBuf(b.get(), &out, 4, 4, 0), 0);
-  EXPECT_EQ(out, 1);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(ReadBuf(b.get(), &out, 4, 4, 0), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "ReadBuf: overflowed buffer\n");
-  EXPECT_EQ(out, 1);
-  // The failure still advances by 4 (here onto the end of the storage).
-  EXPECT_EQ(bufUsed(b.get()), 8u);
-
-  // With four spare bytes the same read succeeds.
-  BufPtr c = newBuf();
-  growBuf(c.get(), 12);
-  StuffBuf(c.get(), in, sizeof in, 4, BUF_UNTAGGED);
-  rewindBuf(c.get());
-  EXPECT_EQ(ReadBuf(c.get(), &out, 4, 4, 0), 0);
-  EXPECT_EQ(ReadBuf(c.get(), &out, 4, 4, 0), 0);
-  EXPECT_EQ(out, 2);
+TEST(ReadBuf, RefusesFieldsThatDoNotFitOrBreakTheGranularity) {
+  const char *overflow = "ReadBuf: overflowed buffer\n";
+  struct Row {
+    const char *what;
+    std::vector<uint8_t> bytes;  // the whole storage
+    size_t start;                // cursor before the read
+    size_t dst;
+    int granularity, tagged;
+    int32_t result;
+    const char *report;
+    size_t usedAfter;
+  } rows[] = {
+      {"last untagged word of a full buffer", {0, 0, 0, 1, 0, 0, 0, 2}, 4, 4, 4, 0, -1, overflow,
+       8},
+      {"untagged word with 4 bytes behind it", {0, 0, 0, 1, 0, 0, 0, 2}, 0, 4, 4, 0, 0, "", 4},
+      {"tag claims more than the storage", {0x54, 0, 0, 100, 0, 0, 0, 0}, 0, 200, 1, 1, -1,
+       overflow, 4},
+      {"tagged length beyond the destination",
+       {0x54, 0, 0, 10, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 0, 0, 0, 0, 0, 0}, 0, 8, 1, 1, -1, overflow,
+       4},
+      {"length breaks the granularity", {0x4e, 0, 0, 6, 1, 2, 3, 4, 5, 6, 0, 0, 0, 0, 0, 0}, 0,
+       64, 4, 1, -1, "ReadBuf: bad size: 6, granularity: 4\n", 0},
+      {"no room even for a tag word", {}, 0, 64, 1, 1, -1, overflow, 0},
+      {"zero tag word", {0, 0, 0, 0, 0, 0, 0, 0}, 0, 64, 1, 1, 0, "", 0},
+      {"untagged, nothing asked", {0, 0, 0, 0}, 0, 0, 1, 0, 0, "", 0},
+  };
+  for (const Row &r : rows) {
+    BufPtr b = bufOf(r.bytes, r.start);
+    std::vector<uint8_t> dst(r.dst + 1, 0xEE);
+    int32_t result = 0;
+    EXPECT_EQ(stderrOf([&] { result = ReadBuf(b.get(), dst.data(), r.dst, r.granularity, r.tagged); }),
+              r.report)
+        << r.what;
+    EXPECT_EQ(result, r.result) << r.what;
+    EXPECT_EQ(bufUsed(b.get()), r.usedAfter) << r.what;
+    EXPECT_EQ(dst[r.dst], 0xEE) << r.what;  // never past the destination
+  }
 }
 
-TEST(ReadBuf, RefusesTruncatedOversizeAndBadGranularityFields) {
-  BufPtr b = newBuf();
-  growBuf(b.get(), 16);
-  uint32_t word = htonl(bufTag('T') | 100);  // claims 100 bytes in a 16-byte buffer
-  memcpy(bufData(b.get()), &word, 4);
-  rewindBuf(b.get());
-  char dst[200];
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(ReadBuf(b.get(), dst, sizeof dst, 1, 1), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "ReadBuf: overflowed buffer\n");
-  EXPECT_EQ(bufUsed(b.get()), 4u);
-
-  // A tagged length beyond the destination is refused the same way.
-  BufPtr c = newBuf();
-  StuffBuf(c.get(), "0123456789", 10, 1, bufTag('T'));
-  rewindBuf(c.get());
-  char small[8];
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(ReadBuf(c.get(), small, sizeof small, 1, 1), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "ReadBuf: overflowed buffer\n");
-
-  // Six bytes read as 4-byte words break the granularity; the cursor stays.
-  BufPtr d = newBuf();
-  StuffBuf(d.get(), "abcdef", 6, 1, bufTag('N'));
-  rewindBuf(d.get());
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(ReadBuf(d.get(), dst, sizeof dst, 4, 1), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "ReadBuf: bad size: 6, granularity: 4\n");
-  EXPECT_EQ(bufUsed(d.get()), 0u);
-
-  // An empty new buffer cannot even hold a tag word.
-  BufPtr e = newBuf();
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(ReadBuf(e.get(), dst, sizeof dst, 1, 1), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "ReadBuf: overflowed buffer\n");
-  EXPECT_EQ(bufUsed(e.get()), 0u);
-}
-
-TEST(ReadBuf, ZeroLengthFieldsReturnWithoutMoving) {
-  BufPtr b = newBuf();
-  growBuf(b.get(), 8);  // a zero tag word: tag 0, length 0
-  char dst[4];
-  EXPECT_EQ(ReadBuf(b.get(), dst, sizeof dst, 1, 1), 0);
-  EXPECT_EQ(ReadBuf(b.get(), dst, 0, 1, 0), 0);
-  EXPECT_EQ(bufUsed(b.get()), 0u);
-}
-
-TEST(PeekTag, ShowsTagAndLengthWithoutMoving) {
-  BufPtr b = newBuf();
+TEST(PeekTagAndSkipField, LookAheadAndSkipWithinTheStorage) {
+  BufPtr b(NewBuf());
   StuffBuf(b.get(), "abcdefghi", 9, 1, bufTag('p'));
   rewindBuf(b.get());
   uint32_t length = 0;
   EXPECT_EQ(peekTag(b.get(), &length), int32_t(0x70000000));
   EXPECT_EQ(length, 9u);
   EXPECT_EQ(bufUsed(b.get()), 0u);
-
-  // Skipping the field by its peeked size lands after the padding.
-  EXPECT_EQ(skipField(b.get(), length + 4), 0);
+  EXPECT_EQ(skipField(b.get(), length + 4), 0);  // lands after the padding
   EXPECT_EQ(bufUsed(b.get()), 16u);
-
-  BufPtr e = newBuf();
+  BufPtr e(NewBuf());
   EXPECT_EQ(peekTag(e.get(), &length), -1);
   EXPECT_EQ(length, 0u);
+
+  BufPtr s = bufOf(std::vector<uint8_t>(20));
+  EXPECT_EQ(skipField(s.get(), 5), 0);
+  EXPECT_EQ(bufUsed(s.get()), 8u);
+  EXPECT_EQ(skipField(s.get(), 13), -1);  // 8 + 13 > 20: advances 4
+  EXPECT_EQ(bufUsed(s.get()), 12u);
+  EXPECT_EQ(skipField(s.get(), 8), 0);
+  EXPECT_EQ(skipField(s.get(), 1), -1);
+  EXPECT_EQ(bufUsed(s.get()), 20u);  // never past the end of the storage
 }
 
-TEST(SkipField, FailsPastTheEndAndAdvancesFour) {
-  BufPtr b = newBuf();
-  growBuf(b.get(), 20);
-  EXPECT_EQ(skipField(b.get(), 5), 0);
-  EXPECT_EQ(bufUsed(b.get()), 8u);
-  EXPECT_EQ(skipField(b.get(), 13), -1);
-  EXPECT_EQ(bufUsed(b.get()), 12u);
-  EXPECT_EQ(skipField(b.get(), 8), 0);
-  EXPECT_EQ(bufUsed(b.get()), 20u);
-  EXPECT_EQ(skipField(b.get(), 1), -1);
-  EXPECT_EQ(bufUsed(b.get()), 20u);  // never past the end of the storage
-}
-
-TEST(BufAccessors, KeepCallerWordsAndStatusRepeats) {
-  BufPtr b = newBuf();
-  setBufCount(b.get(), 7);
-  setBufOwner(b.get(), 42);
-  setBufMarkA(b.get(), 1);
-  setBufMarkB(b.get(), 2);
-  EXPECT_EQ(bufOwner(b.get()), 42);
+TEST(BufCursor, RewindSeekClearAndStatusRepeats) {
+  BufPtr b(NewBuf());
   setBufStatus(b.get(), 5);
   setBufStatus(b.get(), -3);
   EXPECT_TRUE(bufFailed(b.get()));
-  EXPECT_EQ(bufStatus(b.get()), -3);
   EXPECT_EQ(bufStatusRepeats(b.get()), 2);
   setBufStatus(b.get(), 0);
   EXPECT_FALSE(bufFailed(b.get()));
   EXPECT_EQ(bufStatusRepeats(b.get()), 0);
 
+  setBufCount(b.get(), 7);
+  setBufOwner(b.get(), 42);
+  setBufMarkA(b.get(), 1);
+  setBufMarkB(b.get(), 2);
   StuffBuf(b.get(), "abcdefgh", 8, 1, BUF_UNTAGGED);
   rewindBuf(b.get());
   EXPECT_EQ(bufCount(b.get()), 0);
@@ -324,35 +269,28 @@ TEST(BufAccessors, KeepCallerWordsAndStatusRepeats) {
   EXPECT_EQ(bufMarkB(b.get()), INT32_MIN);
   EXPECT_EQ(bufOwner(b.get()), 42);  // rewind keeps the owner
   EXPECT_EQ(bufPosition(b.get()), bufData(b.get()));
-
   seekBuf(b.get(), 5);
-  EXPECT_EQ(bufUsed(b.get()), 5u);
   seekBuf(b.get(), bufSize(b.get()));  // not below the size: ignored
   EXPECT_EQ(bufUsed(b.get()), 5u);
   zeroBuf(b.get(), 4);
-  EXPECT_EQ(memcmp(bufData(b.get()), "\0\0\0\0efgh", 8), 0);
+  EXPECT_EQ(hex(b.get(), 0, 8), "00000000 65666768");
 
   b->extended = 1;
   setBufStatus(b.get(), 9);
+  setBufMarkA(b.get(), 3);
   clearBuf(b.get());
   EXPECT_EQ(b->data, nullptr);
   EXPECT_EQ(b->cursor, nullptr);
   EXPECT_EQ(bufSize(b.get()), 0u);
-  EXPECT_EQ(bufOwner(b.get()), 0);
-  EXPECT_EQ(bufStatus(b.get()), 0);
-  EXPECT_EQ(b->extended, 0);
+  EXPECT_EQ(bufOwner(b.get()) | bufStatus(b.get()) | b->extended, 0);
+  EXPECT_EQ(bufMarkA(b.get()), INT32_MIN);
   EXPECT_EQ(b->limitA, 3000);  // the limits stay
 }
 
 TEST(BufDeath, OutOfMemoryNamesTheRoutine) {
   if (!memLimitWorks()) GTEST_SKIP() << "address-space cap breaks the sanitizer";
-  EXPECT_EXIT(
-      {
-        exhaustMemory();
-        NewBuf();
-        exitProcess(0);
-      },
-      testing::ExitedWithCode(1), "^OutOfMem: called from NewBuf\\(\\)\n$");
+  EXPECT_EXIT((exhaustMemory(), NewBuf(), exitProcess(0)), testing::ExitedWithCode(1),
+              "^OutOfMem: called from NewBuf\\(\\)\n$");
   EXPECT_EXIT(
       {
         Buf *b = NewBuf();

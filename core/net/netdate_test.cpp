@@ -10,33 +10,28 @@ namespace {
 
 TEST(NetDate, GroupsAreUntaggedAndReadBack) {
   Buf *b = NewBuf();
-  TimeRange tr{{1000, 1, 2}, {2000, 3, 4}};
+  const TimeRange tr{{1000, 1, 2}, {2000, 3, 4}};
+  const DateTime dt{NO_TIME, 0xffff, 5};
   stuffTimeRange(b, tr);
-  stuffDateTime(b, DateTime{NO_TIME, 0xffff, 5});
-  EXPECT_EQ(bufUsed(b), 24u);
-  const uint8_t first[4] = {0, 0, 0x03, 0xE8};  // 1000, no tag word before it
-  EXPECT_EQ(memcmp(bufData(b), first, 4), 0);
-  StuffBuf(b, "pad!", 4, 1, bufTag('z'));  // room for ReadBuf's extra 4 bytes
+  stuffDateTime(b, dt);
+  const uint8_t bytes[24] = {0, 0, 0x03, 0xE8, 0, 1, 0, 2, 0, 0, 0x07, 0xD0, 0, 3, 0, 4,
+                             0x80, 0, 0, 0, 0xff, 0xff, 0, 5};
+  ASSERT_EQ(bufUsed(b), 24u);
+  EXPECT_EQ(memcmp(bufData(b), bytes, 24), 0);
   rewindBuf(b);
   TimeRange r{};
   DateTime d{};
   ASSERT_EQ(readTimeRange(b, &r), 0);
-  ASSERT_EQ(readDateTime(b, &d), 0);
-  EXPECT_TRUE(sameDateTime(r.start, tr.start));
-  EXPECT_TRUE(sameDateTime(r.end, tr.end));
-  EXPECT_TRUE(sameDateTime(d, DateTime{NO_TIME, 0xffff, 5}));
-  EXPECT_EQ(bufUsed(b), 24u);
-
-  // At the very end of the storage the read fails as any untagged field does.
-  Buf *c = NewBuf();
-  growBuf(c, 8);
-  stuffDateTime(c, d);
-  rewindBuf(c);
+  EXPECT_TRUE(sameDateTime(r.start, tr.start) && sameDateTime(r.end, tr.end));
+  // The last group of the storage fails as any untagged field does (4 bytes beyond).
+  seekBuf(b, bufSize(b) - 8);
   testing::internal::CaptureStderr();
-  EXPECT_EQ(readDateTime(c, &d), -1);
+  EXPECT_EQ(readDateTime(b, &d), -1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "ReadBuf: overflowed buffer\n");
+  seekBuf(b, 16);
+  ASSERT_EQ(readDateTime(b, &d), 0);
+  EXPECT_TRUE(sameDateTime(d, dt));
   freeBuf(b);
-  freeBuf(c);
 }
 
 }  // namespace
