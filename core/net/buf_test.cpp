@@ -69,7 +69,7 @@ TEST(NewBuf, StartsEmptyWithMarksAndLimits) {
   EXPECT_EQ(b->peerMajor | b->peerMinor | b->extended, 0);
 }
 
-TEST(StuffBuf, PadsFieldsToFourBytesAndConvertsIntegers) {
+TEST(StuffBuf, PadsFieldsToFourBytesAndReadBufTakesThemBack) {
   struct Row {
     std::vector<uint8_t> payload;
     int granularity;
@@ -80,7 +80,7 @@ TEST(StuffBuf, PadsFieldsToFourBytesAndConvertsIntegers) {
       {text("hello"), 1, BUF_UNTAGGED, "68656c6c 6f000000"},
       {text("abcd"), 1, bufTag('J'), "4a000004 61626364"},
       {native<uint16_t>({0x0102, 0xA0B0, 7}), 2, bufTag('D'), "44000006 0102a0b0 00070000"},
-      {native<int32_t>({-2, 0x11223344}), 4, BUF_UNTAGGED, "fffffffe 11223344"},
+      {native<int32_t>({-2, INT32_MIN}), 4, BUF_UNTAGGED, "fffffffe 80000000"},
       // A granularity the copy does not know: the tag word, then zeros.
       {text("abcdef"), 3, bufTag('Q'), "51000006 00000000 00000000"},
   };
@@ -90,6 +90,16 @@ TEST(StuffBuf, PadsFieldsToFourBytesAndConvertsIntegers) {
     StuffBuf(b.get(), r.payload.data(), r.payload.size(), r.granularity, r.tag);
     EXPECT_EQ(hex(b.get(), 8, bufUsed(b.get())), r.bytes) << r.bytes;
     EXPECT_EQ(hex(b.get(), 0, 8), "41000003 78797a00");
+    if (r.granularity == 3) continue;
+    size_t end = bufUsed(b.get());
+    seekBuf(b.get(), 8);
+    std::vector<uint8_t> back(r.payload.size() + 3, 0);
+    bool tagged = r.tag != BUF_UNTAGGED;
+    EXPECT_EQ(ReadBuf(b.get(), back.data(), r.payload.size(), r.granularity, tagged),
+              tagged ? int32_t(r.tag) : 0);
+    back.resize(r.payload.size());
+    EXPECT_EQ(back, r.payload) << r.bytes;
+    EXPECT_EQ(bufUsed(b.get()), end);
   }
 }
 
@@ -160,31 +170,6 @@ TEST(GrowBuf, IgnoresGrowthBeyondTheCap) {
   EXPECT_EQ(bufUsed(c.get()), 4004u * 3996);
 }
 
-TEST(ReadBuf, ReadsBackWhatStuffBufWrote) {
-  BufPtr b(NewBuf());
-  uint16_t shorts[2] = {0xBEEF, 3};
-  int32_t longs[3] = {-1, INT32_MIN, 12345678};
-  StuffBuf(b.get(), "title", 6, 1, bufTag('T'));
-  StuffBuf(b.get(), shorts, sizeof shorts, 2, bufTag('D'));
-  StuffBuf(b.get(), longs, sizeof longs, 4, BUF_UNTAGGED);
-  StuffBuf(b.get(), "end!", 4, 1, bufTag('z'));
-  rewindBuf(b.get());
-
-  char title[16] = {};
-  uint16_t s[2] = {};
-  int32_t l[3] = {};
-  char end[4];
-  EXPECT_EQ(ReadBuf(b.get(), title, sizeof title, 1, 1), int32_t(bufTag('T')));
-  EXPECT_EQ(bufUsed(b.get()), 12u);
-  EXPECT_EQ(ReadBuf(b.get(), s, sizeof s, 2, 1), int32_t(bufTag('D')));
-  EXPECT_EQ(ReadBuf(b.get(), l, sizeof l, 4, 0), 0);
-  EXPECT_EQ(ReadBuf(b.get(), end, sizeof end, 1, 1), int32_t(bufTag('z')));
-  EXPECT_STREQ(title, "title");
-  EXPECT_EQ(std::vector<uint16_t>(s, s + 2), (std::vector<uint16_t>{0xBEEF, 3}));
-  EXPECT_EQ(std::vector<int32_t>(l, l + 3), (std::vector<int32_t>{-1, INT32_MIN, 12345678}));
-  EXPECT_EQ(memcmp(end, "end!", 4), 0);
-}
-
 TEST(ReadBuf, RefusesFieldsThatDoNotFitOrBreakTheGranularity) {
   const char *overflow = "ReadBuf: overflowed buffer\n";
   struct Row {
@@ -215,9 +200,8 @@ TEST(ReadBuf, RefusesFieldsThatDoNotFitOrBreakTheGranularity) {
     BufPtr b = bufOf(r.bytes, r.start);
     std::vector<uint8_t> dst(r.dst + 1, 0xEE);
     int32_t result = 0;
-    EXPECT_EQ(stderrOf([&] { result = ReadBuf(b.get(), dst.data(), r.dst, r.granularity, r.tagged); }),
-              r.report)
-        << r.what;
+    auto read = [&] { result = ReadBuf(b.get(), dst.data(), r.dst, r.granularity, r.tagged); };
+    EXPECT_EQ(stderrOf(read), r.report) << r.what;
     EXPECT_EQ(result, r.result) << r.what;
     EXPECT_EQ(bufUsed(b.get()), r.usedAfter) << r.what;
     EXPECT_EQ(dst[r.dst], 0xEE) << r.what;  // never past the destination
@@ -250,13 +234,10 @@ TEST(PeekTagAndSkipField, LookAheadAndSkipWithinTheStorage) {
 
 TEST(BufCursor, RewindSeekClearAndStatusRepeats) {
   BufPtr b(NewBuf());
-  setBufStatus(b.get(), 5);
-  setBufStatus(b.get(), -3);
-  EXPECT_TRUE(bufFailed(b.get()));
-  EXPECT_EQ(bufStatusRepeats(b.get()), 2);
+  for (int32_t status : {5, -3}) setBufStatus(b.get(), status);
+  EXPECT_TRUE(bufFailed(b.get()) && bufStatusRepeats(b.get()) == 2);
   setBufStatus(b.get(), 0);
-  EXPECT_FALSE(bufFailed(b.get()));
-  EXPECT_EQ(bufStatusRepeats(b.get()), 0);
+  EXPECT_FALSE(bufFailed(b.get()) || bufStatusRepeats(b.get()) != 0);
 
   setBufCount(b.get(), 7);
   setBufOwner(b.get(), 42);
@@ -264,11 +245,10 @@ TEST(BufCursor, RewindSeekClearAndStatusRepeats) {
   setBufMarkB(b.get(), 2);
   StuffBuf(b.get(), "abcdefgh", 8, 1, BUF_UNTAGGED);
   rewindBuf(b.get());
-  EXPECT_EQ(bufCount(b.get()), 0);
-  EXPECT_EQ(bufMarkA(b.get()), INT32_MIN);
-  EXPECT_EQ(bufMarkB(b.get()), INT32_MIN);
-  EXPECT_EQ(bufOwner(b.get()), 42);  // rewind keeps the owner
   EXPECT_EQ(bufPosition(b.get()), bufData(b.get()));
+  EXPECT_EQ(bufCount(b.get()), 0);
+  EXPECT_EQ(bufMarkA(b.get()) & bufMarkB(b.get()), INT32_MIN);
+  EXPECT_EQ(bufOwner(b.get()), 42);  // rewind keeps the owner
   seekBuf(b.get(), 5);
   seekBuf(b.get(), bufSize(b.get()));  // not below the size: ignored
   EXPECT_EQ(bufUsed(b.get()), 5u);
@@ -279,9 +259,7 @@ TEST(BufCursor, RewindSeekClearAndStatusRepeats) {
   setBufStatus(b.get(), 9);
   setBufMarkA(b.get(), 3);
   clearBuf(b.get());
-  EXPECT_EQ(b->data, nullptr);
-  EXPECT_EQ(b->cursor, nullptr);
-  EXPECT_EQ(bufSize(b.get()), 0u);
+  EXPECT_TRUE(b->data == nullptr && b->cursor == nullptr && bufSize(b.get()) == 0);
   EXPECT_EQ(bufOwner(b.get()) | bufStatus(b.get()) | b->extended, 0);
   EXPECT_EQ(bufMarkA(b.get()), INT32_MIN);
   EXPECT_EQ(b->limitA, 3000);  // the limits stay
