@@ -211,7 +211,7 @@ static void fillPlaceholder(char *slot, char lead) {
 }
 
 // Step 1: create a read-only "T" name nobody else can have; fills firstName.
-static int createFirstName(char *tmpl, char *slot, char *firstName) {
+static int createFirstName(char *tmpl, char *slot, std::string &firstName) {
   int fd = -1;
   for (int tries = 0; tries < 50; tries++) {
     fillPlaceholder(slot, 'T');
@@ -221,33 +221,33 @@ static int createFirstName(char *tmpl, char *slot, char *firstName) {
   }
   if (fd < 0) return errno > 0 ? -errno : -1;
   retryClose(fd);
-  snprintf(firstName, DB_PATH_MAX, "%s", tmpl);
+  firstName = tmpl;
   return 0;
+}
+
+// Step 2: rename the "T" file to a fresh "a" name, trying again while the name is taken.
+static int renameToFinalName(char *tmpl, char *slot, const std::string &firstName) {
+  int r = -1;
+  for (int tries = 0; tries < 50; tries++) {
+    fillPlaceholder(slot, 'a');
+    normalisePath(tmpl);
+    r = retryRename(firstName.c_str(), tmpl);
+    if (r == 0 || errno != EEXIST) break;
+  }
+  return r == 0 ? 0 : errno > 0 ? -errno : -1;
 }
 
 int makeScratchFile(char *tmpl) {
   const char *placeholder = shortNames ? "XXXXX.XXX" : "XXXXXX";
   size_t plen = strlen(placeholder), len = strlen(tmpl);
-  if (len < plen || strcmp(tmpl + len - plen, placeholder) != 0 || len >= DB_PATH_MAX)
-    return -1;
+  if (len < plen || strcmp(tmpl + len - plen, placeholder) != 0) return -1;
   char *slot = tmpl + len - plen;
-  char firstName[DB_PATH_MAX];
+  std::string firstName;
   enterCritical();
   int r = createFirstName(tmpl, slot, firstName);
-  if (r != 0) return r;
-  for (int tries = 0; tries < 50; tries++) {
-    fillPlaceholder(slot, 'a');
-    normalisePath(tmpl);
-    r = retryRename(firstName, tmpl);
-    if (r == 0 || errno != EEXIST) break;
-  }
-  if (r != 0) {
-    int err = errno;
-    retryUnlink(firstName);  // (the read-only "T" file is of no use to anyone)
-    return err > 0 ? -err : -1;
-  }
-  retryChmod(tmpl, 0600);
-  return 0;
+  if (r == 0) r = renameToFinalName(tmpl, slot, firstName);
+  if (r == 0) retryChmod(tmpl, 0600);
+  return r;
 }
 
 /* ---- Tests ------------------------------------------------------------------------------ */

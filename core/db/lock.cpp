@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "core/base/base.h"
 #include "core/db/context.h"
@@ -82,13 +83,11 @@ int stampChanged(const DbHandle *db) {
 }
 
 int checkStampFile(const char *root) {
-  char path[DB_PATH_MAX];
-  int len = snprintf(path, sizeof path, "%sdb/database/locks", root);
-  if (len < 0 || static_cast<size_t>(len) + sizeof "/active1" > sizeof path) return 0;
-  if (!isDir(path)) return 0;
-  memcpy(path + len, "/active1", sizeof "/active1");
-  if (fileChangeTime(path) == NO_TIME)
-    retryCreat(path, 0644);  // (kept open for the life of the process, on purpose)
+  std::string path = std::string(root) + "db/database/locks";
+  if (!isDir(path.c_str())) return 0;
+  path += "/active1";
+  if (fileChangeTime(path.c_str()) == NO_TIME)
+    retryCreat(path.c_str(), 0644);  // (kept open for the life of the process, on purpose)
   return 1;
 }
 

@@ -23,8 +23,9 @@ struct DbHandle;
 
 // Moves path's change time (chmod 0660), waiting a second and trying again until it has
 // moved, so that every touch yields a new value; returns the new change time. A failed
-// chmod is fatal unless the current database is standalone (then a warning); a file
-// that cannot be examined gives NO_TIME.
+// chmod is fatal unless the current database is standalone (then a warning). A file
+// that cannot be examined after the chmod gives NO_TIME at once: its time could never
+// move, and waiting for it would loop forever.
 int32_t touchfile(const char *path);
 // One retryChmod (path, 0660): NO_TIME when it fails, else the new change time.
 int32_t touchChangeStamp(const char *path);

@@ -155,13 +155,15 @@ FILE *Fopen(const char *path, const char *mode) {
   return f;
 }
 
-// fflush, retried while it fails with errno set (EBADF excepted).
+// fflush, retried while it fails with errno set (EBADF excepted). errno is not cleared
+// between attempts: a retry that fails without setting it keeps the earlier error.
 static int flushWithRetries(FILE *stream) {
   int r = fflush(stream);
   for (int tries = 0; r != 0 && errno != 0 && errno != EBADF && tries < STREAM_RETRIES;
      tries++) {
+    int saved = errno;
     napSeconds(1);
-    errno = 0;
+    errno = saved;
     r = fflush(stream);
   }
   return r;
@@ -180,7 +182,7 @@ int Fclose(FILE *stream) {
     if (err == EBADF) return r;
   }
   // (fclose releases the stream whatever it returns, so the close itself is made
-  // once: a second fclose would touch a freed stream.)
+  // once, unlike the flush: a retried fclose would touch a freed stream.)
   errno = 0;
   r = fclose(stream);
   if (r != 0 && errno != 0) warning("Fclose() failed with errno = %d\n", errno);

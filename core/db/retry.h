@@ -59,9 +59,12 @@ long readFileHead(const char *path, char *buf, size_t max);
 /* ---- Buffered streams ---------------------------------------------------------------- */
 
 FILE *Fopen(const char *path, const char *mode);    // fopen; null on failure
-// Flushes (retrying, see retry.cpp) and closes. A null stream is reported and gives -1.
-// A flush that fails with EBADF is reported and returns without closing. Otherwise
-// returns fclose's result.
+// Flushes, retrying a failed flush up to 3 times one second apart while errno is set
+// and not EBADF, then closes. Reports "Fclose() fflush failed errno = %d" when the flush
+// still fails (and returns at once, unclosed, when that errno is EBADF) and "Fclose()
+// failed with errno = %d" when the close fails. The close is made once, never retried:
+// fclose frees the stream even when it fails, so a retry would touch freed memory.
+// A null stream is reported and gives -1. Otherwise returns fclose's result.
 int Fclose(FILE *stream);
 // fgets; a line ending in CR LF comes back ending in LF. Null at end of file.
 char *readLineCrlf(char *buf, int size, FILE *stream);
