@@ -183,25 +183,22 @@ void rebuildNameTable(DbHandle *ctx, const UserList *list) {
   if (!t) return;
   *t = NameTable();
   if (!list) return;
-  // The names in table order: every entry, then each "-x" once more as "x".
-  std::vector<std::pair<const UserEntry *, const char *>> order;
-  order.reserve(list->count);
-  for (int i = 0; i < list->count; i++)
-    if (list->entries[i].name) order.emplace_back(&list->entries[i], list->entries[i].name);
-  for (int i = 0; i < list->count; i++)
-    if (list->entries[i].name && list->entries[i].name[0] == '-')
-      order.emplace_back(&list->entries[i], list->entries[i].name + 1);
-  std::vector<uint32_t> hashes(order.size());
-  for (size_t i = 0; i < order.size(); i++) hashes[i] = nameHash(order[i].second);
-  growSlots(t, order.size());
-  t->rows.reserve(order.size());
-  // Slots are reached at random: ask for each one a few names ahead of its use.
+  // Every entry in list order (hashes first, so that each slot can be asked for a few
+  // names ahead of its use: slots are reached at random), then the file-only names.
+  size_t n = static_cast<size_t>(list->count);
+  std::vector<uint32_t> hashes(n);
+  for (size_t i = 0; i < n; i++)
+    hashes[i] = list->entries[i].name ? nameHash(list->entries[i].name) : 0;
+  growSlots(t, n);
+  t->rows.reserve(n);
   constexpr size_t kAhead = 8;
   size_t mask = t->slots.size() - 1;
-  for (size_t i = 0; i < order.size(); i++) {
-    if (i + kAhead < order.size()) __builtin_prefetch(&t->slots[hashes[i + kAhead] & mask]);
-    addRow(t, *order[i].first, order[i].second, hashes[i]);
+  for (size_t i = 0; i < n; i++) {
+    if (i + kAhead < n) __builtin_prefetch(&t->slots[hashes[i + kAhead] & mask]);
+    const UserEntry &e = list->entries[i];
+    if (e.name) addRow(t, e, e.name, hashes[i]);
   }
+  registerFileOnlyNames(ctx, list);
 }
 
 void freeNameTable(DbHandle *ctx) {

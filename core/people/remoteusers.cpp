@@ -16,10 +16,15 @@ int refreshRemoteUsers(DbHandle *ctx, int *changed, const char *name) {
   ServerLink *target = namedLink ? namedLink : ctx->server;
   DbHandle *changedCtx = named ? named : ctx;
   target->changed = false;
-  int r = RemGetUsers(ctx->server, name, namedLink, nullptr);
-  if (r != 0 || !target->changed) return r;
+  RemReply reply;
+  int r = RemGetUsers(ctx->server, name, namedLink, &reply);
+  if (r != 0) return r;
+  // Only an answer of kind 2 judges the users: an equal number clears the mark of the
+  // calendar's context, a different one sets it. Kind 8 leaves the mark alone.
+  if (reply.fields.size() > 1 && reply.fields[1].kind == 2)
+    changedCtx->changed = target->changed;
+  if (!target->changed) return r;
   *changed = 1;
-  changedCtx->changed = true;
   DbHandle *main = mainDb();
   if (!main || main->kind != DB_KIND_LOCAL) EffectUserChanges(main, changedCtx);
   return r;

@@ -80,7 +80,8 @@ long mainUsersFileSize();
 
 // Installs list as ctx's list (taking ownership, freeing the old one under the guard)
 // and rebuilds ctx's calendar-name table from it; installs the name lookup below when
-// none is installed yet.
+// none is installed yet. For the main context the own, viewed and third calendars are
+// looked up again in the new table.
 void installUserList(DbHandle *ctx, UserList *list);
 
 // Readers of ctx->users hold the guard for reading around their use.
@@ -88,8 +89,8 @@ void lockUsersForReading(DbHandle *ctx);
 void unlockUsersForReading(DbHandle *ctx);
 
 // Carries a change of ctx's users into the client: the applied list becomes a copy of
-// the list in force, the identity names are looked up again for the main context, and
-// the hook (when set) runs. Returns the previous hook from setUserChangeHook.
+// the list in force and the hook (when set) runs, for instance to redo permissions.
+// setUserChangeHook returns the previous hook.
 using UserChangeHook = void (*)(DbHandle *main, DbHandle *ctx);
 void EffectUserChanges(DbHandle *main, DbHandle *ctx);
 UserChangeHook setUserChangeHook(UserChangeHook hook);

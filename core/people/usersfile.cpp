@@ -211,6 +211,11 @@ void installUserList(DbHandle *ctx, UserList *list) {
   }
   rebuildNameTable(ctx, list);
   if (!nameLookup()) installNameLookup();  // a test's own lookup is left in place
+  if (ctx == mainDb()) {  // the held calendars are indexes into the main table
+    DbHandle *was = setCurrentDb(ctx);
+    reresolveCalendars();
+    setCurrentDb(was);
+  }
 }
 
 void lockUsersForReading(DbHandle *ctx) { guardOf(ctx)->lock.lock_shared(); }
@@ -220,7 +225,6 @@ void EffectUserChanges(DbHandle *main, DbHandle *ctx) {
   if (!ctx) return;
   freeUserList(ctx->appliedUsers);
   ctx->appliedUsers = copyUserList(ctx->users);
-  if (ctx == main) reresolveCalendars();
   if (changeHook) changeHook(main, ctx);
 }
 
