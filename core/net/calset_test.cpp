@@ -1,8 +1,7 @@
 // Tests of calendar sets: the bit set's growth and shrinking, comparisons, and the
-// names and bits encodings, with a calendar-name table installed through the lookup.
+// names and bits encodings against a calendar-name table installed through the lookup.
 #include "core/net/calset.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -16,39 +15,36 @@
 namespace quorvel {
 namespace {
 
-// A calendar-name table for the tests; an empty string stands for a nameless entry.
-struct Table {
-  std::vector<std::string> names;
-  NameLookup lookup{this, count, nameOf, indexOf};
-
-  static int count(void *ctx) { return int(static_cast<Table *>(ctx)->names.size()); }
-  static const char *nameOf(void *ctx, int i) {
-    const std::string &n = static_cast<Table *>(ctx)->names[size_t(i)];
-    return n.empty() ? nullptr : n.c_str();
-  }
-  static int indexOf(void *ctx, const char *name) {
-    auto &names = static_cast<Table *>(ctx)->names;
-    for (size_t i = 0; i < names.size(); i++)
-      if (!names[i].empty() && names[i] == name) return int(i);
-    return -1;
-  }
-};
+// The calendar-name table the lookup serves: entry 1 has no name.
+const char *const kNames[] = {"ann", nullptr, "bob", "cy"};
+int countOf(void *) { return 4; }
+const char *nameAt(void *, int i) { return kNames[i]; }
+int indexFor(void *, const char *name) {
+  for (int i = 0; i < 4; i++)
+    if (kNames[i] != nullptr && strcmp(kNames[i], name) == 0) return i;
+  return -1;
+}
+const NameLookup kLookup{nullptr, countOf, nameAt, indexFor};
 
 class CalSetTest : public testing::Test {
  protected:
-  void install(std::vector<std::string> names) {
-    table.names = std::move(names);
-    setNameLookup(&table.lookup);
-  }
+  void SetUp() override { setNameLookup(&kLookup); }
   void TearDown() override {
     resetNameLookup();
     freebits(&set);
     freebits(&other);
   }
-  Table table;
   CalSet set = nullptr;
   CalSet other = nullptr;
 };
+
+// A set of `bits` bits (null for 0) holding members.
+CalSet makeSet(int bits, const std::vector<int> &members) {
+  CalSet s = nullptr;
+  allocbits(&s, bits);
+  for (int i : members) setbit(&s, i, 1);
+  return s;
+}
 
 std::vector<int> members(const uint16_t *s) {
   std::vector<int> out;
@@ -57,254 +53,190 @@ std::vector<int> members(const uint16_t *s) {
   return out;
 }
 
-// The names field as text: the bytes after the length word.
-std::string namesText(const std::vector<char> &field) {
-  return std::string(field.data() + 4, field.size() - 4);
+uint32_t word32(const char *p) {
+  const auto *u = reinterpret_cast<const uint8_t *>(p);
+  return uint32_t(u[0]) << 24 | uint32_t(u[1]) << 16 | uint32_t(u[2]) << 8 | u[3];
 }
 
-/* ---- The bit set -------------------------------------------------------------- */
+template <class F>
+std::string stderrOf(F f) {
+  testing::internal::CaptureStderr();
+  f();
+  return testing::internal::GetCapturedStderr();
+}
 
-TEST_F(CalSetTest, SetbitGrowsTheSetAndKeepsBitPositions) {
+TEST_F(CalSetTest, SetbitAndAllocbitsKeepBitPositions) {
   setbit(&set, 0, 1);
-  EXPECT_EQ(setBitCount(set), 1);
-  EXPECT_EQ(setByteSize(set), 4);
   setbit(&set, 17, 1);
   EXPECT_EQ(setBitCount(set), 18);
   EXPECT_EQ(setByteSize(set), 6);
   EXPECT_EQ(set[1], 0x0001);
-  EXPECT_EQ(set[2], 0x0002);  // bit 17 is word 2, position 1
+  EXPECT_EQ(set[2], 0x0002);  // bit 17: word 2, position 1
   setbit(&set, 3, 1);
   setbit(&set, 0, 0);
+  setbit(&set, -1, 1);  // ignored
   EXPECT_EQ(members(set), (std::vector<int>{3, 17}));
   EXPECT_EQ(setMembers(set), 2);
-  setbit(&set, -1, 1);  // ignored
-  EXPECT_EQ(setBitCount(set), 18);
-  EXPECT_FALSE(testbit(set, 100));
-  EXPECT_FALSE(testbit(set, -5));
-  EXPECT_FALSE(testbit(nullptr, 0));
-}
+  EXPECT_FALSE(testbit(set, 100) || testbit(set, -5) || testbit(nullptr, 0));
 
-TEST_F(CalSetTest, AllocbitsClearsBitsCutOffAndZeroesAddedWords) {
   for (int i = 0; i < 20; i++) setbit(&set, i, 1);
   allocbits(&set, 18);
-  EXPECT_EQ(setBitCount(set), 18);
   EXPECT_EQ(set[2], 0x0003);  // bits 18 and 19 cleared
   allocbits(&set, 40);
   EXPECT_EQ(setByteSize(set), 8);
-  EXPECT_EQ(members(set).size(), 18u);
   EXPECT_EQ(set[3], 0);
-  // Shrinking to a multiple of 16 drops whole words.
-  allocbits(&set, 16);
+  EXPECT_EQ(setMembers(set), 18);
+  allocbits(&set, 16);  // a multiple of 16 drops whole words
   EXPECT_EQ(setByteSize(set), 4);
   EXPECT_EQ(setMembers(set), 16);
   allocbits(&set, 0);
   EXPECT_EQ(set, nullptr);
-  EXPECT_EQ(setMembers(set), 0);
 }
 
-TEST_F(CalSetTest, SetsEqualIgnoresLengthsAndAbsentMeansEmpty) {
-  EXPECT_TRUE(setsEqual(nullptr, nullptr));
-  allocbits(&set, 40);
-  EXPECT_TRUE(setsEqual(set, nullptr));
-  EXPECT_TRUE(setsEqual(nullptr, set));
-  setbit(&set, 5, 1);
-  setbit(&other, 5, 1);
-  EXPECT_EQ(setBitCount(other), 6);
-  EXPECT_TRUE(setsEqual(set, other));
-  EXPECT_TRUE(setsEqual(other, set));
-  setbit(&set, 33, 1);
-  EXPECT_FALSE(setsEqual(set, other));
-  EXPECT_FALSE(setsEqual(other, set));
-  EXPECT_FALSE(setsEqual(set, nullptr));
-
+TEST_F(CalSetTest, SetsEqualComparesMembersWhateverTheLengths) {
+  struct Row {
+    int bitsA;
+    std::vector<int> a;
+    int bitsB;
+    std::vector<int> b;
+    bool equal;
+  } rows[] = {
+      {0, {}, 0, {}, true},        {40, {}, 0, {}, true},      {40, {5}, 6, {5}, true},
+      {40, {5, 33}, 6, {5}, false}, {40, {33}, 0, {}, false},   {16, {15}, 17, {15}, true},
+      {17, {16}, 17, {15}, false},
+  };
+  for (const Row &r : rows) {
+    CalSet a = makeSet(r.bitsA, r.a), b = makeSet(r.bitsB, r.b);
+    EXPECT_EQ(setsEqual(a, b), r.equal) << r.bitsA << " vs " << r.bitsB;
+    EXPECT_EQ(setsEqual(b, a), r.equal) << r.bitsB << " vs " << r.bitsA;
+    freebits(&a);
+    freebits(&b);
+  }
+  set = makeSet(40, {1, 33});
   copybits(&other, set);
-  EXPECT_TRUE(setsEqual(set, other));
-  EXPECT_NE(set, other);  // a copy, not the same storage
-  setbit(&set, 1, 1);
-  EXPECT_FALSE(testbit(other, 1));
+  EXPECT_EQ(setBitCount(other), 40);
+  EXPECT_NE(other, set);  // its own storage
+  setbit(&set, 2, 1);
+  EXPECT_EQ(members(other), (std::vector<int>{1, 33}));
   copybits(&other, nullptr);
   EXPECT_EQ(other, nullptr);
 }
 
-TEST_F(CalSetTest, EveryCalendarNeedsExactlyAllTableEntries) {
-  EXPECT_FALSE(holdsEveryCalendar(set));  // no table, no calendars
-  install({"ann", "bob", "cy"});
-  addEveryCalendar(&set);
-  EXPECT_EQ(members(set), (std::vector<int>{0, 1, 2}));
-  EXPECT_TRUE(holdsEveryCalendar(set));
-  setbit(&set, 1, 0);
-  EXPECT_FALSE(holdsEveryCalendar(set));
-  setbit(&set, 1, 1);
-  setbit(&set, 5, 1);  // one beyond the table
-  EXPECT_FALSE(holdsEveryCalendar(set));
+TEST_F(CalSetTest, NamesEncodingListsNamedMembersOrAll) {
+  using namespace std::string_literals;
+  struct Row {
+    int bits;
+    std::vector<int> in;
+    std::string text;  // after the length word
+    std::vector<int> back;
+  } rows[] = {
+      {4, {0, 1, 3}, "`ann`cy`\0"s, {0, 3}},  // no name: left out
+      {4, {0, 1, 2, 3}, "`__ALL__`\0"s, {0, 1, 2, 3}},
+      {6, {0, 1, 2, 3, 5}, "`ann`bob`cy`\0"s, {0, 2, 3}},  // one beyond the table
+      {10, {}, "`\0"s, {}},
+      {0, {}, "", {}},  // absent: four zero bytes
+  };
+  for (const Row &r : rows) {
+    set = makeSet(r.bits, r.in);
+    std::vector<char> out(size_t(netcharsSize(set)));
+    int total = writenetchars(out.data(), out.size(), set);
+    ASSERT_EQ(total, int(4 + r.text.size())) << r.text;
+    EXPECT_EQ(word32(out.data()), r.bits == 0 ? 0u : uint32_t(total));
+    EXPECT_EQ(std::string(out.data() + 4, r.text.size()), r.text);
+    EXPECT_EQ(readnetchars(out.data(), out.size(), &other), total);
+    EXPECT_EQ(members(other), r.back) << r.text;
+    freebits(&set);
+    freebits(&other);
+  }
+  set = makeSet(4, {0, 1, 2, 3});
+  std::vector<char> small(13, 'k');
+  EXPECT_EQ(writenetchars(small.data(), small.size(), set), -1);  // 14 needed
 }
 
-/* ---- Names encoding ----------------------------------------------------------- */
-
-TEST_F(CalSetTest, WritenetcharsListsNamedMembersBetweenBackquotes) {
-  install({"ann", "", "bob", "cy"});
-  setbit(&set, 0, 1);
-  setbit(&set, 1, 1);  // no name: left out
-  setbit(&set, 3, 1);
-  std::vector<char> out(size_t(netcharsSize(set)));
-  int total = writenetchars(out.data(), out.size(), set);
-  ASSERT_EQ(total, 4 + 9);
-  ASSERT_EQ(size_t(total), out.size());
-  uint32_t word;
-  memcpy(&word, out.data(), 4);
-  EXPECT_EQ(ntohl(word), uint32_t(total));
-  EXPECT_EQ(namesText(out), std::string("`ann`cy`\0", 9));
-
-  // Too small an area is refused without writing past it.
-  std::vector<char> small(5, 'k');
-  EXPECT_EQ(writenetchars(small.data(), small.size(), set), -1);
-}
-
-TEST_F(CalSetTest, WritenetcharsSendsEveryCalendarAsAll) {
-  install({"ann", "bob"});
-  addEveryCalendar(&set);
-  std::vector<char> out(64);
-  EXPECT_EQ(writenetchars(out.data(), out.size(), set), 14);
-  EXPECT_EQ(std::string(out.data() + 4, 10), std::string("`__ALL__`\0", 10));
-
-  // An absent set is four zero bytes; an allocated empty one is a bare backquote.
-  EXPECT_EQ(writenetchars(out.data(), out.size(), nullptr), 4);
-  EXPECT_EQ(std::vector<char>(out.begin(), out.begin() + 4), std::vector<char>(4, 0));
-  allocbits(&other, 10);
-  EXPECT_EQ(writenetchars(out.data(), out.size(), other), 6);
-  EXPECT_EQ(std::string(out.data() + 4, 2), std::string("`\0", 2));
-}
-
-TEST_F(CalSetTest, ReadnetcharsAddsKnownNamesAndSkipsUnknownOnes) {
-  install({"ann", "bob", "cy", "dee"});
-  setbit(&set, 1, 1);
-  setbit(&set, 3, 1);
-  std::vector<char> field(size_t(netcharsSize(set)));
-  int total = writenetchars(field.data(), field.size(), set);
-  EXPECT_EQ(readnetchars(field.data(), field.size(), &other), total);
-  EXPECT_TRUE(setsEqual(set, other));
-  // Every backquote before the closing NUL opens a name and is overwritten.
-  EXPECT_EQ(namesText(field), std::string("\0bob\0dee\0\0", 10));
-
-  // Names the table does not know add nothing; the known one still counts.
-  freebits(&other);
-  std::string text = "`zed`cy`nobody`";
-  std::vector<char> raw(4);
-  raw.insert(raw.end(), text.begin(), text.end());
-  raw.push_back('\0');
-  uint32_t word = htonl(uint32_t(raw.size()));
-  memcpy(raw.data(), &word, 4);
-  EXPECT_EQ(readnetchars(raw.data(), raw.size(), &other), int(raw.size()));
-  EXPECT_EQ(members(other), (std::vector<int>{2}));
-}
-
-TEST_F(CalSetTest, ReadnetcharsExpandsAllAndRefusesOversizeFields) {
-  install({"ann", "bob", "cy"});
-  addEveryCalendar(&set);
-  std::vector<char> field(64);
-  int total = writenetchars(field.data(), field.size(), set);
-  EXPECT_EQ(readnetchars(field.data(), size_t(total), &other), 14);
-  EXPECT_EQ(members(other), (std::vector<int>{0, 1, 2}));
-
+TEST_F(CalSetTest, ReadnetcharsSkipsUnknownNamesAndRefusesOversize) {
+  struct Row {
+    const char *text;
+    uint32_t declared;  // 0: the field's true size
+    size_t len;         // 0: the whole field
+    int result;         // 0: the field's true size
+    std::vector<int> members;
+    const char *report;
+  } rows[] = {
+      {"`zed`cy`nobody`", 0, 0, 0, {3}, ""},
+      {"`__ALL__`bob`", 0, 0, 0, {0, 1, 2, 3}, ""},
+      {"`ann`", 30721, 0, 4, {}, "readnetchars: nbytes too large 30721\n"},
+      {"`ann`", 100, 0, 4, {}, "readnetchars: nbytes too large 100\n"},  // beyond the area
+      {"`ann`", 10, 9, 4, {}, "readnetchars: nbytes too large 10\n"},
+  };
+  for (const Row &r : rows) {
+    std::string field = std::string(4, '\0') + r.text + '\0';
+    uint32_t t = r.declared != 0 ? r.declared : uint32_t(field.size());
+    for (int i = 0; i < 4; i++) field[size_t(i)] = char(t >> (24 - 8 * i));
+    int result = 0;
+    size_t len = r.len != 0 ? r.len : field.size();
+    EXPECT_EQ(stderrOf([&] { result = readnetchars(field.data(), len, &other); }), r.report);
+    EXPECT_EQ(result, r.result != 0 ? r.result : int(field.size())) << r.text;
+    EXPECT_EQ(members(other), r.members) << r.text;
+    freebits(&other);
+  }
   // A zero length word is an empty 4-byte field.
-  freebits(&other);
   std::vector<char> zero(4, 0);
   EXPECT_EQ(readnetchars(zero.data(), zero.size(), &other), 4);
   EXPECT_EQ(other, nullptr);
-
-  // Beyond 30720 bytes, or beyond what the caller holds, the field is refused.
-  std::vector<char> big(40000, '`');
-  uint32_t word = htonl(30721);
-  memcpy(big.data(), &word, 4);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(readnetchars(big.data(), big.size(), &other), 4);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "readnetchars: nbytes too large 30721\n");
-  word = htonl(100);
-  memcpy(big.data(), &word, 4);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(readnetchars(big.data(), 50, &other), 4);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "readnetchars: nbytes too large 100\n");
-  EXPECT_EQ(other, nullptr);
+  // Every backquote before the closing NUL opens a name and is overwritten.
+  char text[] = "\0\0\0\x0d`bob`cy`";
+  EXPECT_EQ(readnetchars(text, sizeof text, &other), 13);
+  EXPECT_EQ(std::string(text + 4, 9), std::string("\0bob\0cy\0\0", 9));
 }
 
-/* ---- Bits encoding ------------------------------------------------------------ */
-
-TEST_F(CalSetTest, NetbitsRoundTripsCountsThatAreNotMultiplesOfSixteen) {
+TEST_F(CalSetTest, BitsEncodingRoundTripsUpTo2032Bits) {
   for (int n : {1, 15, 17, 33, 2032}) {
-    freebits(&set);
-    freebits(&other);
-    for (int i = 0; i < n; i += 3) setbit(&set, i, 1);
-    allocbits(&set, n);
+    set = makeSet(n, {0, n / 2, n - 1});
     std::vector<char> out(NETBITS_MAX);
     int bytes = writenetbits(out.data(), out.size(), set);
     EXPECT_EQ(bytes, ((n + 15) / 16) * 2 + 2) << n;
     EXPECT_EQ(uint8_t(out[0]) << 8 | uint8_t(out[1]), n);
-    EXPECT_EQ(readnetbits(out.data(), size_t(bytes), &other), bytes) << n;
+    EXPECT_EQ(readnetset(out.data(), size_t(bytes), &other, 0), bytes) << n;
     EXPECT_EQ(setBitCount(other), n);
-    EXPECT_TRUE(setsEqual(set, other)) << n;
+    EXPECT_EQ(members(other), members(set)) << n;
+    freebits(&set);
   }
-  // Words travel in network order: bit 0 and bit 9 of word 1 give 0x0201.
-  freebits(&set);
-  setbit(&set, 0, 1);
-  setbit(&set, 9, 1);
-  std::vector<char> out(8);
-  EXPECT_EQ(writenetbits(out.data(), out.size(), set), 4);
-  EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + 4),
-            (std::vector<uint8_t>{0x00, 0x0A, 0x02, 0x01}));
-}
-
-TEST_F(CalSetTest, NetbitsRefusesSetsBeyond2032Bits) {
-  setbit(&set, 2032, 1);  // 2033 bits: 258 bytes
-  std::vector<char> out(512, 'k');
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(writenetbits(out.data(), out.size(), set), 4);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "writenetbits: nbytes too large 258\n");
-  EXPECT_EQ(std::vector<char>(out.begin(), out.begin() + 4), std::vector<char>(4, 0));
-
-  std::vector<char> in(512, 0);
-  in[0] = char(2033 >> 8);
-  in[1] = char(2033 & 0xFF);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(readnetbits(in.data(), in.size(), &other), 4);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "readnetbits: nbytes too large 258\n");
-  EXPECT_EQ(other, nullptr);
-
-  // Empty sets and zero counts are four zero bytes each way.
-  EXPECT_EQ(writenetbits(out.data(), out.size(), nullptr), 4);
-  freebits(&set);
-  allocbits(&set, 40);  // room for 40 bits, no members
-  out.assign(out.size(), 'k');
-  EXPECT_EQ(writenetbits(out.data(), out.size(), set), 4);
-  EXPECT_EQ(std::vector<char>(out.begin(), out.begin() + 4), std::vector<char>(4, 0));
-  EXPECT_EQ(readnetbits(in.data() + 100, 4, &other), 4);
-  EXPECT_EQ(other, nullptr);
-}
-
-TEST_F(CalSetTest, ReadnetbitsReplacesTheSetAndDropsStrayBits) {
-  for (int i = 0; i < 40; i++) setbit(&other, i, 1);
-  // Count 5 with every bit of its word set: only bits 0..4 are members.
-  std::vector<char> in = {0x00, 0x05, char(0xFF), char(0xFF)};
-  EXPECT_EQ(readnetbits(in.data(), in.size(), &other), 4);
-  EXPECT_EQ(setBitCount(other), 5);
+  // Words travel in network order: bits 0 and 9 of word 1 give 0x0201.
+  set = makeSet(10, {0, 9});
+  char out[8];
+  EXPECT_EQ(writenetbits(out, sizeof out, set), 4);
+  EXPECT_EQ(word32(out), 0x000A0201u);
+  // readnetbits replaces the set; bits beyond the count in the last word are dropped.
+  const char in[] = {0x00, 0x05, char(0xFF), char(0xFF)};
+  EXPECT_EQ(readnetbits(in, sizeof in, &other), 4);
   EXPECT_EQ(members(other), (std::vector<int>{0, 1, 2, 3, 4}));
-  // A count whose words are not all there is refused.
-  std::vector<char> cut = {0x00, 0x20, 0x00, 0x01};
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(readnetbits(cut.data(), cut.size(), &set), 4);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "readnetbits: nbytes too large 6\n");
+  EXPECT_EQ(setBitCount(other), 5);
 }
 
-TEST_F(CalSetTest, ReadnetsetChoosesTheEncoding) {
-  install({"ann", "bob"});
-  setbit(&set, 1, 1);
-  std::vector<char> names(64), bits(64);
-  writenetchars(names.data(), names.size(), set);
-  writenetbits(bits.data(), bits.size(), set);
-  EXPECT_EQ(readnetset(names.data(), names.size(), &other, 1), 10);
-  EXPECT_TRUE(setsEqual(set, other));
-  freebits(&other);
-  EXPECT_EQ(readnetset(bits.data(), bits.size(), &other, 0), 4);
-  EXPECT_TRUE(setsEqual(set, other));
+TEST_F(CalSetTest, BitsEncodingRefusesOversizeAndSendsEmptySetsAsZero) {
+  std::vector<char> out(512, 'k');
+  set = makeSet(2033, {2032});  // 258 bytes
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(writenetbits(out.data(), out.size(), set), 4); }),
+            "writenetbits: nbytes too large 258\n");
+  EXPECT_EQ(word32(out.data()), 0u);
+  std::vector<char> in(512, 0);
+  in[0] = char(2033 >> 8), in[1] = char(2033 & 0xFF);
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(readnetbits(in.data(), in.size(), &other), 4); }),
+            "readnetbits: nbytes too large 258\n");
+  const char cut[] = {0x00, 0x20, 0x00, 0x01};  // 32 bits need 6 bytes
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(readnetbits(cut, sizeof cut, &other), 4); }),
+            "readnetbits: nbytes too large 6\n");
+  EXPECT_EQ(other, nullptr);
+
+  freebits(&set);
+  for (CalSet s : {CalSet(nullptr), makeSet(40, {})}) {
+    out.assign(out.size(), 'k');
+    EXPECT_EQ(writenetbits(out.data(), out.size(), s), 4);
+    EXPECT_EQ(word32(out.data()), 0u);
+    freebits(&s);
+  }
+  EXPECT_EQ(readnetbits(out.data(), 4, &other), 4);  // a zero count
+  EXPECT_EQ(other, nullptr);
 }
 
 TEST(CalSetDeath, AllocbitsReportsOutOfMemory) {
