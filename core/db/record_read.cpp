@@ -43,7 +43,7 @@ struct FileText {
   }
   bool reserve(size_t want) {
     size_t cap2 = roundUp(long(want), 65536);
-    void *area = mmap(nullptr, cap2, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void *area = mmap(nullptr, cap2, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
     if (area == MAP_FAILED) return false;
     if (data != nullptr) {
       memcpy(area, data, len);

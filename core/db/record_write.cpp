@@ -24,16 +24,24 @@ int fileLineWriter(void *sink, const char *fmt, ...) {
   return n;
 }
 
-// Appends the decimal or hexadecimal digits of v.
+// Appends the decimal or hexadecimal digits of v. The two bases are spelled out so that
+// the divisions become shifts and multiplications: numbers are most of a record file.
 static void appendNumber(std::string &out, unsigned long v, bool negative, int base) {
   char digits[24];
-  int n = 0;
-  do {
-    digits[n++] = "0123456789abcdef"[v % unsigned(base)];
-    v /= unsigned(base);
-  } while (v != 0);
-  if (negative) out.push_back('-');
-  while (n > 0) out.push_back(digits[--n]);
+  char *p = digits + sizeof digits;
+  if (base == 16) {
+    do {
+      *--p = "0123456789abcdef"[v & 15];
+      v >>= 4;
+    } while (v != 0);
+  } else {
+    do {
+      *--p = char('0' + v % 10);
+      v /= 10;
+    } while (v != 0);
+  }
+  if (negative) *--p = '-';
+  out.append(p, size_t(digits + sizeof digits - p));
 }
 
 // Appends fmt formatted; false at the first conversion other than %c %s %d %ld %x %lx
@@ -107,7 +115,12 @@ int textLineWriter(void *out, const char *fmt, ...) {
   return sink->error != 0 ? -1 : written;
 }
 
-/* ==== Values ====================================================================== */
+/* ==== Gathering lines ============================================================= */
+
+// The lines of one item (or header, or group) are gathered into a text and handed to
+// the line writer in one call: a record file is mostly a long run of short lines, and
+// a call per line cost more than the lines themselves. Each add* helper appends whole
+// lines; those that can fail return false, having appended what they wrote so far.
 
 // Cuts a text in place at its first line feed or carriage return, or before a
 // backslash that is its last character: such a text could not be read back.
@@ -118,73 +131,71 @@ static void cutText(char *text) {
   text[n] = '\0';
 }
 
-// Appends "0x" and the hexadecimal digits of v.
-static char *putHex(char *out, unsigned long v) {
-  char digits[16];
-  int n = 0;
-  do {
-    digits[n++] = "0123456789abcdef"[v & 15];
-    v >>= 4;
-  } while (v != 0);
-  *out++ = '0';
-  *out++ = 'x';
-  while (n > 0) *out++ = digits[--n];
-  return out;
+static void addPrefix(std::string &t, char tag) {
+  t.push_back('#');
+  t.push_back(tag);
+  t.push_back('\t');
 }
 
-// A date-time line. The text is the one formatDateTime gives (the tests hold the two
-// together); it is built here by hand because a record file has two or three of these
-// per item and snprintf was the writer's largest single cost.
-static int writeDateTime(void *sink, char tag, const DateTime &dt, const DateTime *defaults,
-                         LineWriter out) {
+static void addText(std::string &t, char tag, const char *value) {
+  addPrefix(t, tag);
+  t.append(value != nullptr ? value : "");
+  t.push_back('\n');
+}
+
+static void addNumber(std::string &t, char tag, long v) {
+  addPrefix(t, tag);
+  appendNumber(t, v < 0 ? 0UL - (unsigned long)v : (unsigned long)v, v < 0, 10);
+  t.push_back('\n');
+}
+
+static void addHex(std::string &t, unsigned long v) {
+  t.append("0x");
+  appendNumber(t, v, false, 16);
+}
+
+// The date-time text is formatDateTime's (the tests hold the two together).
+static void addDateTime(std::string &t, char tag, const DateTime &dt, const DateTime *defaults) {
   bool withQ1 = defaults == nullptr || dt.q1 != defaults->q1;
   bool withQ2 = withQ1 && (defaults == nullptr || dt.q2 != defaults->q2);
-  char line[DATETIME_TEXT + 8];
-  char *p = line;
-  *p++ = '#';
-  *p++ = tag;
-  *p++ = '\t';
-  p = putHex(p, (unsigned long)uint32_t(dt.time));
+  addPrefix(t, tag);
+  addHex(t, (unsigned long)uint32_t(dt.time));
   if (withQ1) {
-    *p++ = ' ';
-    *p++ = '@';
-    p = putHex(p, dt.q1);
+    t.append(" @");
+    addHex(t, dt.q1);
   }
   if (withQ2) {
-    *p++ = ' ';
-    *p++ = '%';
-    p = putHex(p, dt.q2);
+    t.append(" %");
+    addHex(t, dt.q2);
   }
-  *p++ = '\n';
-  *p = '\0';
-  return out(sink, "%s", line) < 0 ? -1 : 0;
+  t.push_back('\n');
 }
 
-// Appends one member's name with the separators of the line. False, with nothing
-// appended, for a member without a name: the line ends there.
-static bool addMember(std::string &line, int index, int *column) {
+// One member's name with the separators of the line. False, with nothing appended,
+// for a member without a name: the line ends there.
+static bool addMember(std::string &t, int index, int *column) {
   const char *name = calendarName(index);
   if (name == nullptr || *name == '\0') return false;
   if (*column >= 0) {  // not the first member
-    line.push_back(',');
+    t.push_back(',');
     if (++*column > 60) {
-      line.append("\\\n\t");
+      t.append("\\\n\t");
       *column = 8;
     }
   } else {
     *column = 8;
   }
   size_t n = strlen(name);
-  line.append(name, n);
+  t.append(name, n);
   *column += int(n);
   return true;
 }
 
-// The members of a non-empty set and the line end, appended to line. Members are found
-// word by word (the set's layout is fixed by calset.h). False at a nameless member.
-static bool addMembers(std::string &line, const uint16_t *set) {
+// The members of a non-empty set and the line end. Members are found word by word
+// (the set's layout is fixed by calset.h). False at a nameless member.
+static bool addMembers(std::string &t, const uint16_t *set) {
   if (setMembers(set) == calendarCount()) {
-    line.append(ALL_NAMES).push_back('\n');
+    t.append(ALL_NAMES).push_back('\n');
     return true;
   }
   int column = -1, bits = setBitCount(set);
@@ -192,111 +203,119 @@ static bool addMembers(std::string &line, const uint16_t *set) {
     for (unsigned word = set[1 + w]; word != 0; word &= word - 1) {
       int i = w * 16 + std::countr_zero(word);
       if (i >= bits) break;
-      if (!addMember(line, i, &column)) return false;
+      if (!addMember(t, i, &column)) return false;
     }
   }
-  line.push_back('\n');
+  t.push_back('\n');
   return true;
 }
 
-// A set line is gathered whole and handed to the line writer at once; at a nameless
-// member what was gathered is written and the line left unfinished.
-static int writeSetLine(void *sink, std::string &line, const uint16_t *set, LineWriter out) {
-  bool complete = addMembers(line, set);
-  int rc = out(sink, "%s", line.c_str()) < 0 ? -1 : 0;
-  return complete ? rc : -1;
+// A name set line; nothing at all for an empty set.
+static bool addSet(std::string &t, char tag, const uint16_t *set) {
+  if (setIsEmpty(set)) return true;
+  addPrefix(t, tag);
+  return addMembers(t, set);
+}
+
+// The set holding only user, without building it: "__ALL__" when there is just one
+// calendar, else the user's name.
+static bool addUserSet(std::string &t, char tag, int user) {
+  if (user >= 0xFFFF) return true;  // beyond any set: the set would be empty
+  addPrefix(t, tag);
+  int column = -1;
+  if (calendarCount() == 1) t.append(ALL_NAMES);
+  else if (!addMember(t, user, &column)) return false;
+  t.push_back('\n');
+  return true;
+}
+
+static void addOwner(std::string &t, int32_t owner) {
+  if (owner == OWNER_ALL) addText(t, 'O', ALL_NAMES);
+  else if (owner >= 0) addText(t, 'O', calendarName(owner));
+}
+
+// Hands the gathered text to the line writer; -1 when that fails or ok is false.
+static int handOver(void *sink, const std::string &t, bool ok, LineWriter out) {
+  int rc = t.empty() || out(sink, "%s", t.c_str()) >= 0 ? 0 : -1;
+  return ok ? rc : -1;
 }
 
 int writeNameSet(void *sink, char tag, const uint16_t *set, LineWriter out) {
-  if (setIsEmpty(set)) return 0;
-  std::string line = {'#', tag, '\t'};
-  return writeSetLine(sink, line, set, out);
+  std::string t;
+  bool ok = addSet(t, tag, set);
+  return handOver(sink, t, ok, out);
 }
 
-// The set holding only user, written without building it: "__ALL__" when there is just
-// one calendar, else the user's name.
-static int writeUserSet(void *sink, char tag, int user, LineWriter out) {
-  if (user >= 0xFFFF) return 0;  // beyond any set: the set would be empty
-  std::string line = {'#', tag, '\t'};
-  int column = -1;
-  bool complete = calendarCount() == 1 ? (line.append(ALL_NAMES), true) : addMember(line, user, &column);
-  if (complete) line.push_back('\n');
-  int rc = out(sink, "%s", line.c_str()) < 0 ? -1 : 0;
-  return complete ? rc : -1;
-}
+/* ==== Item parts =================================================================== */
 
-static int writeOwner(void *sink, int32_t owner, LineWriter out) {
-  if (owner == OWNER_ALL) return out(sink, "#%c\t%s\n", 'O', ALL_NAMES) < 0 ? -1 : 0;
-  if (owner < 0) return 0;
-  const char *name = calendarName(owner);
-  return out(sink, "#%c\t%s\n", 'O', name != nullptr ? name : "") < 0 ? -1 : 0;
-}
-
-/* ==== Item parts ================================================================== */
-
-static int writePopups(void *sink, Item *item, LineWriter out) {
-  int rc = 0;
+static bool addPopups(std::string &t, Item *item) {
+  bool ok = true;
   for (int i = 0; i < item->popupCount; i++) {
     Popup &p = item->popups[i];
     cutText(p.title);
-    if (out(sink, "#%c\t%s ", 'P', p.title != nullptr ? p.title : "") < 0) rc = -1;
-    if (out(sink, "0x%lx\n", (unsigned long)uint32_t(p.mask)) < 0) rc = -1;
-    if (writeNameSet(sink, 'S', p.setS, out) != 0) rc = -1;
-    if (writeNameSet(sink, 'r', p.setR, out) != 0) rc = -1;
+    addPrefix(t, 'P');
+    t.append(p.title != nullptr ? p.title : "").push_back(' ');
+    addHex(t, (unsigned long)uint32_t(p.mask));
+    t.push_back('\n');
+    ok = addSet(t, 'S', p.setS) && ok;
+    ok = addSet(t, 'r', p.setR) && ok;
   }
-  return rc;
+  return ok;
 }
 
-static int writeAlarms(void *sink, Item *item, LineWriter out) {
-  int rc = 0;
+static bool addAlarms(std::string &t, Item *item) {
+  bool ok = true;
   for (int i = 0; i < item->listBCount; i++) {
     Alarm &a = item->listB[i];
-    if (out(sink, "#%c\t%d,%d\n", 'A', int(a.start), int(a.freq)) < 0) rc = -1;
+    addPrefix(t, 'A');
+    long start = int(a.start), freq = int(a.freq);  // written as signed, "%d,%d"
+    appendNumber(t, start < 0 ? 0UL - (unsigned long)start : (unsigned long)start, start < 0, 10);
+    t.push_back(',');
+    appendNumber(t, freq < 0 ? 0UL - (unsigned long)freq : (unsigned long)freq, freq < 0, 10);
+    t.push_back('\n');
     cutText(a.string);
-    if (a.string != nullptr && *a.string != '\0' && out(sink, "#%c\t%s\n", 'E', a.string) < 0)
-      rc = -1;
-    if (a.user >= 0 && writeUserSet(sink, 'V', a.user, out) != 0) rc = -1;
+    if (a.string != nullptr && *a.string != '\0') addText(t, 'E', a.string);
+    if (a.user >= 0) ok = addUserSet(t, 'V', a.user) && ok;
   }
-  return rc;
+  return ok;
 }
 
-static int writeUserTimes(void *sink, Item *item, const DateTime *defaults, LineWriter out) {
-  int rc = 0;
+static bool addUserTimes(std::string &t, Item *item, const DateTime *defaults) {
+  bool ok = true;
   for (int i = 0; i < item->listCCount; i++) {
     const UserTime &u = item->listC[i];
     if (u.user < 0) continue;
     const char *name = calendarName(u.user);
-    if (name == nullptr || out(sink, "#%c\t%s\n", 'Z', name) < 0) rc = -1;
-    if (writeDateTime(sink, 'Q', u.when, defaults, out) != 0) rc = -1;
+    if (name != nullptr) addText(t, 'Z', name);
+    else ok = false;
+    addDateTime(t, 'Q', u.when, defaults);
   }
-  return rc;
+  return ok;
 }
 
-static int writeLabelSets(void *sink, Item *item, LineWriter out) {
-  int rc = 0;
+static bool addLabelSets(std::string &t, Item *item) {
+  bool ok = true;
   for (int i = 0; i < item->listDCount; i++) {
     LabelSet &k = item->listD[i];
     if (setIsEmpty(k.set)) continue;
     cutText(k.label);
-    std::string line = {'#', 'K', '\t'};
-    line.append(k.label != nullptr ? k.label : "").push_back(':');
-    if (writeSetLine(sink, line, k.set, out) != 0) rc = -1;
+    addPrefix(t, 'K');
+    t.append(k.label != nullptr ? k.label : "").push_back(':');
+    ok = addMembers(t, k.set) && ok;
   }
-  return rc;
+  return ok;
 }
 
-static int writeNumbers(void *sink, const Item *item, LineWriter out) {
-  int rc = 0;
-  if (item->randomId >= 0 && out(sink, "#%c\t%ld\n", 'I', long(item->randomId)) < 0) rc = -1;
+static void addNumbers(std::string &t, const Item *item) {
+  if (item->randomId >= 0) addNumber(t, 'I', item->randomId);
   const struct {
     char tag;
     int32_t value;
   } timed[] = {{'H', item->hNumber}, {'d', item->aNumber}, {'f', item->fNumber},
                {'s', item->gNumber}, {'e', item->eNumber}};
-  for (const auto &t : timed)
-    if (t.value != NO_TIME && out(sink, "#%c\t%ld\n", t.tag, long(t.value)) < 0) rc = -1;
-  if (item->linkByte != 0 && out(sink, "#%c\t%ld\n", 'L', long(item->linkByte)) < 0) rc = -1;
-  return rc;
+  for (const auto &n : timed)
+    if (n.value != NO_TIME) addNumber(t, n.tag, n.value);
+  if (item->linkByte != 0) addNumber(t, 'L', item->linkByte);
 }
 
 static char kindLetter(uint16_t kind) {
@@ -311,46 +330,46 @@ static char kindLetter(uint16_t kind) {
 /* ==== Items and lists ============================================================== */
 
 // The sets and the owner, in the item's own order W Y N X O R C.
-static int writeItemSets(void *sink, const Item *item, LineWriter out) {
-  int rc = 0;
-  const struct {
-    char tag;
-    const uint16_t *set;
-  } before[] = {{'W', item->calendars}, {'Y', item->setY}, {'N', item->setN}, {'X', item->setX}};
-  for (const auto &s : before)
-    if (writeNameSet(sink, s.tag, s.set, out) != 0) rc = -1;
-  if (writeOwner(sink, item->owner, out) != 0) rc = -1;
-  if (writeNameSet(sink, 'R', item->setR, out) != 0) rc = -1;
-  if (writeNameSet(sink, 'C', item->setC, out) != 0) rc = -1;
-  return rc;
+static bool addItemSets(std::string &t, const Item *item) {
+  bool ok = addSet(t, 'W', item->calendars);
+  ok = addSet(t, 'Y', item->setY) && ok;
+  ok = addSet(t, 'N', item->setN) && ok;
+  ok = addSet(t, 'X', item->setX) && ok;
+  addOwner(t, item->owner);
+  ok = addSet(t, 'R', item->setR) && ok;
+  return addSet(t, 'C', item->setC) && ok;
+}
+
+// Everything after the database line, with the item's database current.
+static bool addItemBody(std::string &t, Item *item, const DateTime *defaults) {
+  bool ok = addItemSets(t, item);
+  if (item->uWord != 0) addNumber(t, 'U', item->uWord);
+  ok = addPopups(t, item) && ok;
+  ok = addAlarms(t, item) && ok;
+  ok = addUserTimes(t, item, defaults) && ok;
+  ok = addLabelSets(t, item) && ok;
+  addNumbers(t, item);
+  t.push_back('\n');
+  return ok;
 }
 
 int writeItem(void *sink, Item *item, const DateTime *defaults, LineWriter out) {
-  int rc = 0;
+  static std::string t;  // reused: items are written one after another
+  t.clear();
   cutText(item->title);
-  if (out(sink, "#%c\t%s\n", kindLetter(item->dWord), item->title ? item->title : "") < 0) rc = -1;
-  if (writeDateTime(sink, 'B', item->timeValue.start, defaults, out) != 0) rc = -1;
-  if (writeDateTime(sink, 'F', item->timeValue.end, defaults, out) != 0) rc = -1;
+  addText(t, kindLetter(item->dWord), item->title);
+  addDateTime(t, 'B', item->timeValue.start, defaults);
+  addDateTime(t, 'F', item->timeValue.end, defaults);
   DbHandle *previous = currentDb();
-  bool switched = false;
+  DbHandle *own = nullptr;
   if (item->dbName != nullptr && *item->dbName != '\0') {
     cutText(item->dbName);
-    if (out(sink, "#%c\t%s\n", item->dbFlag ? 'j' : 'J', item->dbName) < 0) rc = -1;
-    if (DbHandle *db = findDbByName(item->dbName)) {
-      setCurrentDb(db);
-      switched = true;
-    }
+    addText(t, item->dbFlag ? 'j' : 'J', item->dbName);
+    if ((own = findDbByName(item->dbName)) != nullptr) setCurrentDb(own);
   }
-  if (writeItemSets(sink, item, out) != 0) rc = -1;
-  if (item->uWord != 0 && out(sink, "#%c\t%d\n", 'U', int(item->uWord)) < 0) rc = -1;
-  if (writePopups(sink, item, out) != 0) rc = -1;
-  if (writeAlarms(sink, item, out) != 0) rc = -1;
-  if (writeUserTimes(sink, item, defaults, out) != 0) rc = -1;
-  if (writeLabelSets(sink, item, out) != 0) rc = -1;
-  if (writeNumbers(sink, item, out) != 0) rc = -1;
-  if (out(sink, "\n") < 0) rc = -1;
-  if (switched) setCurrentDb(previous);
-  return rc;
+  bool ok = addItemBody(t, item, defaults);
+  if (own != nullptr) setCurrentDb(previous);
+  return handOver(sink, t, ok, out);
 }
 
 int writeItemChain(void *sink, Item *item, const DateTime *defaults, LineWriter out) {
@@ -365,45 +384,40 @@ const DateTime *listDefaults(const Item *head) {
   return r.start.time != NO_TIME && r.end.time != NO_TIME ? &r.start : nullptr;
 }
 
-// The list's name sets in the header's order W R C Y N X.
-static int writeHeaderSets(void *sink, const Item *head, LineWriter out) {
-  const struct {
-    char tag;
-    const uint16_t *set;
-  } sets[] = {{'W', head->calendars}, {'R', head->setR}, {'C', head->setC},
-              {'Y', head->setY},      {'N', head->setN}, {'X', head->setX}};
-  int rc = 0;
-  for (const auto &s : sets)
-    if (writeNameSet(sink, s.tag, s.set, out) != 0) rc = -1;
-  return rc;
-}
-
+// The header's lines: empty line, O, J, the range, and the sets in the order W R C Y N X.
 int writeListHeader(void *sink, Item *head, LineWriter out) {
-  int rc = out(sink, "\n") < 0 ? -1 : 0;
-  if (writeOwner(sink, head->owner, out) != 0) rc = -1;
+  std::string t = "\n";
+  addOwner(t, head->owner);
   if (head->dbName != nullptr && *head->dbName != '\0' && findDbByName(head->dbName) != nullptr) {
     cutText(head->dbName);
-    if (out(sink, "#%c\t%s\n", 'J', head->dbName) < 0) rc = -1;
+    addText(t, 'J', head->dbName);
   }
   if (listDefaults(head) != nullptr) {
-    if (writeDateTime(sink, 'B', head->timeValue.start, nullptr, out) != 0) rc = -1;
-    if (writeDateTime(sink, 'F', head->timeValue.end, nullptr, out) != 0) rc = -1;
+    addDateTime(t, 'B', head->timeValue.start, nullptr);
+    addDateTime(t, 'F', head->timeValue.end, nullptr);
   }
-  if (writeHeaderSets(sink, head, out) != 0) rc = -1;
-  return rc;
+  bool ok = addSet(t, 'W', head->calendars);
+  ok = addSet(t, 'R', head->setR) && ok;
+  ok = addSet(t, 'C', head->setC) && ok;
+  ok = addSet(t, 'Y', head->setY) && ok;
+  ok = addSet(t, 'N', head->setN) && ok;
+  ok = addSet(t, 'X', head->setX) && ok;
+  return handOver(sink, t, ok, out);
 }
 
 int writeRangeGroup(void *sink, const TimeRange &range, LineWriter out) {
-  int rc = writeDateTime(sink, 'B', range.start, nullptr, out);
-  if (writeDateTime(sink, 'F', range.end, nullptr, out) != 0) rc = -1;
-  if (out(sink, "\n") < 0) rc = -1;
-  return rc;
+  std::string t;
+  addDateTime(t, 'B', range.start, nullptr);
+  addDateTime(t, 'F', range.end, nullptr);
+  t.push_back('\n');
+  return handOver(sink, t, true, out);
 }
 
 int writeNumberGroup(void *sink, int number, LineWriter out) {
-  int rc = out(sink, "#%c\t%d\n", 'n', number) < 0 ? -1 : 0;
-  if (out(sink, "\n") < 0) rc = -1;
-  return rc;
+  std::string t;
+  addNumber(t, 'n', number);
+  t.push_back('\n');
+  return handOver(sink, t, true, out);
 }
 
 // The list is written with its own database current, when that database is open.
