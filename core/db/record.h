@@ -3,7 +3,8 @@
 //
 // Every line is "#" + tag letter + tab + value + newline; an item is a run of such lines
 // ended by an empty line. Lines are written through a caller-given printf-like line
-// writer, so the same item writer fills a file, an in-memory buffer or standard error.
+// writer, so the same item writer fills a file, an in-memory buffer or standard error;
+// the lines of one item (or header, or group) are handed to it in a single call.
 // An item is written in this order (each line only when it carries something):
 //   kind letter (T event, D to-do, M reminder, ? other) + title, B start, F end,
 //   j/J database name, W Y N X name sets, O owner, R C name sets, U, P/S/r per popup,
