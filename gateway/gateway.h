@@ -24,7 +24,6 @@ inline constexpr size_t QUERY_VALUE_AREA = 1024;  // each static value area
 // Sets the put flag when an argument after the program name is exactly "-put". Nothing
 // reads the flag: the option is accepted and has no effect.
 void scanPutOption(int argc, char **argv);
-bool putOptionSeen();
 
 // Reads one line of the query from standard input (or fd) in chunks of 16384 bytes; a
 // line end closing a chunk is replaced by NUL. Returns a new allocMem'd text.
@@ -50,7 +49,6 @@ void urlDecode(char *text);
 // The process-wide values the error page and the message choice read; each is null
 // when its key is missing. The setters take copies.
 void setPageValues(const char *loginUrl, const char *iconRoot, const char *pageLanguage);
-const char *pageLanguage();
 
 // The English text, or the German text of that index when the language is exactly "De".
 const char *localMsg(int index, const char *englishText);

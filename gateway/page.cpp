@@ -52,8 +52,6 @@ void setPageValues(const char *login, const char *icons, const char *lang) {
   language = copyText(lang);
 }
 
-const char *pageLanguage() { return language; }
-
 const char *localMsg(int index, const char *englishText) {
   // Only the exact "De" selects German; "de", "DE" and "En_US" all stay English.
   if (!language || strcmp(language, "De") != 0) return englishText;

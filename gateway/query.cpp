@@ -10,7 +10,8 @@
 
 namespace quorvel::gateway {
 
-// File-level state: set by scanPutOption, read by nobody but tests.
+// File-level state: set by scanPutOption and read by nobody: the option is accepted
+// and has no effect.
 static bool putFlag;
 
 // The two static value areas: one for three-letter keys, one for two-letter keys.
@@ -27,17 +28,16 @@ void scanPutOption(int argc, char **argv) {
     if (argv[i] && strcmp(argv[i], "-put") == 0) putFlag = true;
 }
 
-bool putOptionSeen() { return putFlag; }
-
 /* ---- Reading the query ------------------------------------------------------------ */
 
 char *readQueryFromFd(int fd) {
   char *text = nullptr;
   size_t used = 0, size = 0;
   for (;;) {
-    // Grow before every chunk, so there is always room for the closing NUL.
+    // Grow before every chunk. The byte beyond the chunks is for the closing NUL: a
+    // read that fills its chunk and ends in a line end still leaves room behind it.
     size += STDIN_CHUNK;
-    text = static_cast<char *>(allocMem(text, size));
+    text = static_cast<char *>(allocMem(text, size + 1));
     if (!text) outOfMem("readQueryFromStdin");
     ssize_t got = read(fd, text + used, STDIN_CHUNK);
     if (got <= 0) break;

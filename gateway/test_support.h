@@ -1,40 +1,38 @@
 // test_support.h -- helpers shared by the gateway's tests: a recording pause hook, a
-// temporary CGI tree (cgi-bin/ beside htdocs/tmp/), standard-output capture, and file
-// reading. Test code only.
+// temporary CGI tree (cgi-bin/ beside htdocs/tmp/), standard-output capture, files, a
+// free loopback port, and the error page as the gateway prints it. Test code only.
 #pragma once
 
 #include "core/base/base.h"
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 namespace quorvel::gateway::test {
 
-// Every pause the product asks for, in order; installed by PauseRecorder.
-inline std::vector<unsigned> &pausesSeen() {
-  static std::vector<unsigned> seen;
-  return seen;
-}
-
-inline void recordPause(unsigned seconds) { pausesSeen().push_back(seconds); }
-
-// Installs the recording pause hook for the life of the object.
+// Installs a pause hook that records the seconds asked for, for the life of the object.
 struct PauseRecorder {
+  static std::vector<unsigned> &seen() {
+    static std::vector<unsigned> pauses;
+    return pauses;
+  }
   PauseHook old;
-  PauseRecorder() : old(setPauseHook(recordPause)) { pausesSeen().clear(); }
+  PauseRecorder() : old(setPauseHook([](unsigned s) { seen().push_back(s); })) { seen().clear(); }
   ~PauseRecorder() { setPauseHook(old); }
-  size_t count() const { return pausesSeen().size(); }
+  size_t count() const { return seen().size(); }
   unsigned total() const {
     unsigned sum = 0;
-    for (unsigned s : pausesSeen()) sum += s;
+    for (unsigned s : seen()) sum += s;
     return sum;
   }
 };
@@ -47,8 +45,7 @@ inline std::string readFile(const std::string &path) {
 }
 
 inline void writeFile(const std::string &path, const std::string &text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 inline bool exists(const std::string &path) {
@@ -56,19 +53,28 @@ inline bool exists(const std::string &path) {
   return stat(path.c_str(), &st) == 0;
 }
 
+// A loopback port nobody listens on: bound once to learn a free one, then let go.
+inline int freeLoopbackPort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sa;
+  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
+  getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &len);
+  close(fd);
+  return ntohs(sa.sin_port);
+}
+
 // A temporary root holding cgi-bin/ and htdocs/tmp/. With enter = true the working
 // directory is cgi-bin/ until the tree goes away, so "../htdocs/" is the tree's.
 struct CgiTree {
-  std::string root;
-  std::string oldCwd;
+  std::string root, oldCwd;
   explicit CgiTree(bool enter = true) {
     char pattern[] = "/tmp/qvgw-XXXXXX";
-    const char *made = mkdtemp(pattern);
-    EXPECT_NE(made, nullptr);
-    root = made ? made : "/tmp";
-    mkdir((root + "/cgi-bin").c_str(), 0755);
-    mkdir((root + "/htdocs").c_str(), 0755);
-    mkdir((root + "/htdocs/tmp").c_str(), 0755);
+    EXPECT_NE(mkdtemp(pattern), nullptr);
+    root = pattern;
+    for (const char *dir : {"/cgi-bin", "/htdocs", "/htdocs/tmp"}) mkdir((root + dir).c_str(), 0755);
     if (enter) {
       char cwd[4096];
       oldCwd = getcwd(cwd, sizeof cwd) ? cwd : "/";
@@ -77,8 +83,7 @@ struct CgiTree {
   }
   ~CgiTree() {
     if (!oldCwd.empty() && chdir(oldCwd.c_str()) != 0) perror("chdir");
-    std::string cmd = "rm -rf '" + root + "'";
-    if (system(cmd.c_str()) != 0) perror("rm");
+    if (system(("rm -rf '" + root + "'").c_str()) != 0) perror("rm");
   }
   std::string htdocs(const std::string &name) const { return root + "/htdocs/" + name; }
   std::string cgiBin() const { return root + "/cgi-bin"; }
@@ -87,28 +92,43 @@ struct CgiTree {
 // Sends file descriptor 1 to a scratch file until take() returns what was written.
 struct StdoutCapture {
   int saved = -1;
-  FILE *scratch = nullptr;
+  FILE *scratch = tmpfile();
   StdoutCapture() {
     fflush(stdout);
-    scratch = tmpfile();
     saved = dup(1);
     dup2(fileno(scratch), 1);
   }
   std::string take() {
     if (saved < 0) return "";
-    fflush(stdout);
     dup2(saved, 1);
     close(saved);
     saved = -1;
     std::string out;
     rewind(scratch);
     char chunk[4096];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof chunk, scratch)) > 0) out.append(chunk, n);
+    for (size_t n; (n = fread(chunk, 1, sizeof chunk, scratch)) > 0;) out.append(chunk, n);
     fclose(scratch);
     return out;
   }
   ~StdoutCapture() { take(); }
 };
+
+// The whole error page: heading and message as shown, the icon root ("/icons" when the
+// query gave none) and, when both are given, the login button.
+inline std::string errorPageText(const std::string &heading, const std::string &message,
+                                 const std::string &icons = "/icons",
+                                 const std::string &login = "") {
+  std::string page = "Content-type: text/html\n\n\n<html>\n<head>\n<title>Web Quorvel</title>\n"
+                     "</head>\n<body background=\"" + icons + "/bg4.gif\">\n" +
+                     "<br><br><br><br><br><br><br><br><center><table border=1 bgcolor=white>"
+                     "<tr><td><h3>" + heading + "</h3>\n<h4>" + message + "</h4>\n";
+  if (!login.empty())
+    page += "<center>\n<a href=\"" + login + "\">\n<IMG src=\"" + icons +
+            "/blogin.gif\" border=0></a>\n</center>\n";
+  return page + "</td></tr></table></center>\n</body>\n</html>\n";
+}
+
+inline const char ENGLISH_HEADING[] = "An error occurred processing your request:";
+inline const char GERMAN_HEADING[] = "Fehler bei der Verarbeitung Ihrer Anforderung:";
 
 }  // namespace quorvel::gateway::test

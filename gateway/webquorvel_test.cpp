@@ -8,12 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fcntl.h>
 #include <string>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <netinet/in.h>
-#include <arpa/inet.h>
 #include <unistd.h>
 #include <vector>
 
@@ -36,7 +32,7 @@ enum class Via { Env, EmptyEnvAndStdin, NoEnvAndStdin };
 
 // Starts webquorvel in tree's cgi-bin/ with query in the environment or on stdin.
 GatewayRun runGateway(const CgiTree &tree, const std::string &query, Via via,
-               std::vector<std::string> args = {}) {
+                      std::vector<std::string> args = {}) {
   std::vector<std::string> env = {"PATH=/usr/bin:/bin"};
   if (via == Via::Env) env.push_back("QUERY_STRING=" + query);
   if (via == Via::EmptyEnvAndStdin) env.push_back("QUERY_STRING=");
@@ -48,8 +44,6 @@ GatewayRun runGateway(const CgiTree &tree, const std::string &query, Via via,
   for (std::string &a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
   std::string dir = tree.cgiBin();
-  std::string errPath = tree.root + "/stderr.txt";
-
   int in[2], out[2];
   EXPECT_EQ(pipe(in), 0);
   EXPECT_EQ(pipe(out), 0);
@@ -57,8 +51,6 @@ GatewayRun runGateway(const CgiTree &tree, const std::string &query, Via via,
   if (pid == 0) {  // only async-signal-safe calls until exec
     dup2(in[0], 0);
     dup2(out[1], 1);
-    int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (err >= 0) dup2(err, 2);
     close(in[1]);
     close(out[0]);
     if (chdir(dir.c_str()) != 0) _exit(99);
@@ -86,161 +78,100 @@ GatewayRun runGateway(const CgiTree &tree, const std::string &query, Via via,
 struct Webquorvel : ::testing::Test {
   CgiTree tree{false};
   webagent::SampleAgent agent;
-  void start(const AgentScript &script = AgentScript{}) {
-    webagent::agentPush(&agent, script);
+  void start(std::vector<AgentScript> scripts = {AgentScript{}}) {
+    for (const AgentScript &s : scripts) webagent::agentPush(&agent, s);
     ASSERT_EQ(webagent::agentStart(&agent, 0), 0);
   }
   void TearDown() override { webagent::agentStop(&agent); }
   std::string hostField() { return "hn=127.0.0.1:" + std::to_string(webagent::agentOffset(&agent)); }
 };
 
-const char PAGE_HEAD[] =
-    "Content-type: text/html\n\n\n<html>\n<head>\n<title>Web Quorvel</title>\n</head>\n";
-const char BODY_OPEN[] =
-    "<br><br><br><br><br><br><br><br><center><table border=1 bgcolor=white><tr><td><h3>";
-const char PAGE_END[] = "</td></tr></table></center>\n</body>\n</html>\n";
+AgentScript pairsScript(std::vector<webagent::AgentPair> pairs, AgentMode mode = AgentMode::Pairs) {
+  AgentScript script;
+  script.mode = mode;
+  script.pairs = std::move(pairs);
+  return script;
+}
 
-TEST_F(Webquorvel, ServesTheDemoReplyFromQueryString) {
+TEST_F(Webquorvel, ServesTheDemoReplyWithTheQueryFromTheEnvironmentOrStdin) {
   start();
   writeFile(tree.htdocs("tmp/stale.gif"), "stale");
+  mkdir(tree.htdocs("tmp/sub").c_str(), 0755);
+  writeFile(tree.htdocs("tmp/sub/deep.txt"), "deep");
+  writeFile(tree.htdocs("keep.html"), "keep");
   std::string query = hostField() + "&log=http://x/&name=a%20b";
   GatewayRun run = runGateway(tree, query, Via::Env);
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.out, webagent::demoPage(query));  // nothing added to the agent's page
   EXPECT_EQ(readFile(tree.htdocs("tmp/demo-picture.svg")), webagent::demoPicture());
-  EXPECT_FALSE(test::exists(tree.htdocs("tmp/stale.gif")));  // tmp/ emptied first
-  EXPECT_EQ(webagent::agentRequests(&agent), std::vector<std::string>{query});
-}
-
-TEST_F(Webquorvel, ReadsTheQueryFromStdinWhenQueryStringIsEmptyOrUnset) {
-  start();
-  std::string query = "dn=127.0.0.1%3A" + std::to_string(webagent::agentOffset(&agent)) + "&x=1";
-  GatewayRun empty = runGateway(tree, query, Via::EmptyEnvAndStdin);
-  EXPECT_EQ(empty.status, 0);
-  EXPECT_EQ(empty.out, webagent::demoPage(query));
-  GatewayRun unset = runGateway(tree, query + "&y=2", Via::NoEnvAndStdin);
-  EXPECT_EQ(unset.status, 0);
-  EXPECT_EQ(webagent::agentRequests(&agent),
-            (std::vector<std::string>{query, query + "&y=2"}));  // line end stripped
-}
-
-TEST_F(Webquorvel, APageOnlyReplyLeavesTmpAlone) {
-  AgentScript script;
-  script.mode = AgentMode::Pairs;
-  script.pairs = {{"", "Content-type: text/plain\n\nonly the page"}};
-  start(script);
-  writeFile(tree.htdocs("tmp/other-request.gif"), "keep");
-  GatewayRun run = runGateway(tree, hostField(), Via::Env);
-  EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.out, "Content-type: text/plain\n\nonly the page");
-  EXPECT_EQ(readFile(tree.htdocs("tmp/other-request.gif")), "keep");
-}
-
-TEST_F(Webquorvel, WritesFilesInListOrderAndThePageLast) {
-  AgentScript script;
-  script.mode = AgentMode::Pairs;
-  script.pairs = {{"", "PAGE"},
-                  {"tmp/a.txt", "first"},
-                  {"nodir/b.txt", "lost"},
-                  {"top.html", "top"},
-                  {"tmp/a.txt", "second"}};
-  start(script);
-  writeFile(tree.htdocs("tmp/stale"), "x");
-  GatewayRun run = runGateway(tree, hostField(), Via::Env);
-  EXPECT_EQ(run.status, 0);
-  // The report for the unwritable file comes out before the page, though the page
-  // was the first pair.
-  EXPECT_EQ(run.out, "failed to open ../htdocs/nodir/b.txt successfullyPAGE");
-  EXPECT_EQ(readFile(tree.htdocs("tmp/a.txt")), "second");
-  EXPECT_EQ(readFile(tree.htdocs("top.html")), "top");
-  EXPECT_FALSE(test::exists(tree.htdocs("tmp/stale")));
-}
-
-TEST_F(Webquorvel, WritesManyLargeFiles) {
-  AgentScript script;
-  script.mode = AgentMode::Files;
-  script.fileCount = 8;
-  script.fileSize = 100000;
-  start(script);
-  GatewayRun run = runGateway(tree, hostField(), Via::Env);
-  EXPECT_EQ(run.status, 0);
-  for (int i = 0; i < 8; i++) {
-    std::string body = readFile(tree.htdocs("tmp/file-" + std::to_string(i) + ".txt"));
-    EXPECT_EQ(body.size(), 100000u);
-    EXPECT_EQ(body[0], static_cast<char>('a' + i));
-  }
-}
-
-TEST_F(Webquorvel, ThePutOptionChangesNothing) {
-  start();
-  std::string query = hostField();
-  GatewayRun plain = runGateway(tree, query, Via::Env);
+  // tmp/ was emptied first, and only tmp/.
+  EXPECT_FALSE(test::exists(tree.htdocs("tmp/stale.gif")));
+  EXPECT_FALSE(test::exists(tree.htdocs("tmp/sub")));
+  EXPECT_EQ(readFile(tree.htdocs("keep.html")), "keep");
+  // An empty or missing QUERY_STRING: one line of standard input, its line end stripped.
+  std::string viaStdin = "dn=127.0.0.1%3A" + std::to_string(webagent::agentOffset(&agent));
+  EXPECT_EQ(runGateway(tree, viaStdin, Via::EmptyEnvAndStdin).out, webagent::demoPage(viaStdin));
+  EXPECT_EQ(runGateway(tree, viaStdin + "&y", Via::NoEnvAndStdin).status, 0);
+  // "-put" changes nothing.
   GatewayRun put = runGateway(tree, query, Via::Env, {"-put"});
   EXPECT_EQ(put.status, 0);
-  EXPECT_EQ(put.out, plain.out);
+  EXPECT_EQ(put.out, run.out);
+  EXPECT_EQ(webagent::agentRequests(&agent),
+            (std::vector<std::string>{query, viaStdin, viaStdin + "&y", query}));
 }
 
-TEST_F(Webquorvel, MissingHostGivesMessageOneInEnglishOrGerman) {
+TEST_F(Webquorvel, WritesFilesInListOrderThePageLastAndLeavesTmpForAPageOnly) {
+  std::string big(100000, 'b');
+  start({pairsScript({{"", "PAGE"}, {"tmp/a.txt", "first"}, {"nodir/b.txt", "lost"},
+                      {"top.html", big}, {"tmp/a.txt", "second"}}),
+         pairsScript({{"", "Content-type: text/plain\n\nonly the page"}})});
+  GatewayRun run = runGateway(tree, hostField(), Via::Env);
+  EXPECT_EQ(run.status, 0);
+  // The report for the unwritable file comes before the page, the first pair.
+  EXPECT_EQ(run.out, "failed to open ../htdocs/nodir/b.txt successfullyPAGE");
+  EXPECT_EQ(readFile(tree.htdocs("tmp/a.txt")), "second");
+  EXPECT_EQ(readFile(tree.htdocs("top.html")), big);
+  GatewayRun page = runGateway(tree, hostField(), Via::Env);
+  EXPECT_EQ(page.status, 0);
+  EXPECT_EQ(page.out, "Content-type: text/plain\n\nonly the page");
+  EXPECT_EQ(readFile(tree.htdocs("tmp/a.txt")), "second");  // one pair: tmp/ left alone
+}
+
+TEST_F(Webquorvel, ShowsMessagesOneAndTwoAndExits255) {
   GatewayRun en = runGateway(tree, "log=http://back&rpt=/ic&lan=de", Via::Env);
   EXPECT_EQ(en.status, 255);
-  EXPECT_EQ(en.out, std::string(PAGE_HEAD) + "<body background=\"/ic/bg4.gif\">\n" + BODY_OPEN +
-                        "An error occurred processing your request:</h3>\n<h4>" +
-                        "Cannot find host name in query log=http://back&rpt=/ic&lan=de</h4>\n" +
-                        "<center>\n<a href=\"http://back\">\n" +
-                        "<IMG src=\"/ic/blogin.gif\" border=0></a>\n</center>\n" + PAGE_END);
+  EXPECT_EQ(en.out, test::errorPageText(test::ENGLISH_HEADING,
+                                        "Cannot find host name in query "
+                                        "log=http://back&rpt=/ic&lan=de",
+                                        "/ic", "http://back"));
   GatewayRun de = runGateway(tree, "lan=De&dn=", Via::Env);
   EXPECT_EQ(de.status, 255);
-  EXPECT_EQ(de.out, std::string(PAGE_HEAD) + "<body background=\"/icons/bg4.gif\">\n" +
-                        BODY_OPEN + "Fehler bei der Verarbeitung Ihrer Anforderung:</h3>\n<h4>" +
-                        "Hostname in Abfrage lan=De&dn= nicht gefunden</h4>\n" + PAGE_END);
-}
-
-// An offset from 3726 at which nobody listens.
-int deadOffset() {
-  int probe = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(probe, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
-  socklen_t len = sizeof addr;
-  getsockname(probe, reinterpret_cast<sockaddr *>(&addr), &len);
-  close(probe);
-  return ntohs(addr.sin_port) - 3726;
-}
-
-TEST_F(Webquorvel, RefusedConnectionGivesMessageTwo) {
-  std::string query = "hn=127.0.0.1:" + std::to_string(deadOffset());
-  GatewayRun en = runGateway(tree, query, Via::Env);
-  EXPECT_EQ(en.status, 255);
-  EXPECT_EQ(en.out, std::string(PAGE_HEAD) + "<body background=\"/icons/bg4.gif\">\n" +
-                        BODY_OPEN + "An error occurred processing your request:</h3>\n<h4>" +
-                        "Cannot connect to Quorvel web agent on host 127.0.0.1</h4>\n" + PAGE_END);
-  GatewayRun de = runGateway(tree, query + "&lan=De", Via::Env);
-  EXPECT_EQ(de.status, 255);
-  EXPECT_NE(de.out.find("<h4>Verbindung mit Quorvel-Webagent auf Host 127.0.0.1 nicht m\xF6glich"
-                        "</h4>\n"),
-            std::string::npos);
+  EXPECT_EQ(de.out, test::errorPageText(test::GERMAN_HEADING,
+                                        "Hostname in Abfrage lan=De&dn= nicht gefunden"));
+  std::string query = "hn=127.0.0.1:" + std::to_string(test::freeLoopbackPort() - 3726);
+  GatewayRun refused = runGateway(tree, query + "&rpt=/r", Via::Env);
+  EXPECT_EQ(refused.status, 255);
+  EXPECT_EQ(refused.out, test::errorPageText(test::ENGLISH_HEADING,
+                                             "Cannot connect to Quorvel web agent on host "
+                                             "127.0.0.1", "/r"));
 }
 
 TEST_F(Webquorvel, MalformedRepliesGiveMessageFourAndWriteNothing) {
-  for (AgentMode mode : {AgentMode::BadMagic, AgentMode::Oversize, AgentMode::LongName,
-                         AgentMode::ExtraBytes, AgentMode::Raw}) {
-    AgentScript script;
-    script.mode = mode;
-    script.pairs = {{"tmp/x.txt", "x"}, {"", "page"}};
-    script.raw = std::string("\xDE\xAD\xBE\xEF\0\0\0\x01\0\0\0\x18", 12) +
-                 std::string(12, '\0');  // one entry whose length word is 0
-    webagent::agentPush(&agent, script);
-  }
-  start(AgentScript{});  // after the five scripted replies, demo replies
+  AgentScript raw = pairsScript({}, AgentMode::Raw);
+  raw.raw = std::string("\xDE\xAD\xBE\xEF\0\0\0\x01\0\0\0\x18", 12) +
+            std::string(12, '\0');  // one entry whose length word is 0
+  std::vector<webagent::AgentPair> pairs = {{"tmp/x.txt", "x"}, {"", "page"}};
+  start({pairsScript(pairs, AgentMode::BadMagic), pairsScript(pairs, AgentMode::Oversize),
+         pairsScript(pairs, AgentMode::LongName), pairsScript(pairs, AgentMode::ExtraBytes), raw,
+         AgentScript{}});
   for (const char *lang : {"En_US", "De", "", "De", "x"}) {
-    std::string query = hostField() + "&lan=" + lang;
-    GatewayRun run = runGateway(tree, query, Via::Env);
+    GatewayRun run = runGateway(tree, hostField() + "&lan=" + lang, Via::Env);
     EXPECT_EQ(run.status, 255) << lang;
-    std::string want = strcmp(lang, "De") == 0
-                           ? "<h4>Fehler beim Lesen vom Quorvel-Webagent auf Host 127.0.0.1</h4>\n"
-                           : "<h4>Read failed from Quorvel web agent on host 127.0.0.1</h4>\n";
-    EXPECT_NE(run.out.find(want), std::string::npos) << run.out;
+    bool de = strcmp(lang, "De") == 0;
+    EXPECT_EQ(run.out, test::errorPageText(
+                           de ? test::GERMAN_HEADING : test::ENGLISH_HEADING,
+                           de ? "Fehler beim Lesen vom Quorvel-Webagent auf Host 127.0.0.1"
+                              : "Read failed from Quorvel web agent on host 127.0.0.1"));
   }
   EXPECT_FALSE(test::exists(tree.htdocs("tmp/x.txt")));
   EXPECT_EQ(runGateway(tree, hostField(), Via::Env).status, 0);  // the agent is fine again
