@@ -75,8 +75,14 @@ static int report(const char *text, int result) {
   return result;
 }
 
+// Milliseconds of a wait given in seconds, kept within what poll takes.
+static int secondsToMs(int seconds) {
+  if (seconds <= 0) return 0;
+  return seconds > INT32_MAX / 1000 ? INT32_MAX : seconds * 1000;
+}
+
 static int waitOf(const ServerLink *link) {
-  return link->waitMs > 0 ? link->waitMs : link->timeout * 1000;
+  return link->waitMs > 0 ? link->waitMs : secondsToMs(link->timeout);
 }
 
 /* ==== Contexts ===================================================================== */
@@ -153,6 +159,17 @@ int serverTcpPort(const char *address) {
   return static_cast<uint16_t>(n + SERVER_BASE_PORT);
 }
 
+// Waits until fd is readable (write false) or writable: 1 ready, 0 time-out, -1 error.
+// (poll rather than select: an fd_set cannot hold descriptors past FD_SETSIZE)
+static int waitSocket(int fd, bool write, int waitMs) {
+  for (;;) {
+    pollfd p{fd, static_cast<short>(write ? POLLOUT : POLLIN), 0};
+    int r = poll(&p, 1, waitMs);
+    if (r >= 0) return r > 0 ? 1 : 0;
+    if (errno != EINTR) return -1;
+  }
+}
+
 // The IPv4 address of a host text: dotted form when it starts with a digit, else a
 // name lookup. False (errno ENOENT when it was 0) when there is none.
 static bool resolveHost(const std::string &host, in_addr *out) {
@@ -170,19 +187,15 @@ static bool resolveHost(const std::string &host, in_addr *out) {
   return true;
 }
 
-// One connect on a fresh non-blocking socket: 0, or the errno that ended it.
+// One connect on a fresh non-blocking socket: 0, or the errno that ended it. A pending
+// connect counts as made as soon as the socket turns writable; a refusal that arrives
+// that way shows up at the first send.
 static int tryConnect(int fd, const sockaddr_in *sa, int timeoutSeconds) {
   if (connect(fd, reinterpret_cast<const sockaddr *>(sa), sizeof *sa) == 0) return 0;
   if (errno != EINPROGRESS) return errno;
-  pollfd p{fd, POLLOUT, 0};
-  int r = poll(&p, 1, timeoutSeconds * 1000);
-  if (r == 0) return ETIMEDOUT;
-  if (r < 0) return errno;
-  // Writable also means a refused connection; its error is waiting in SO_ERROR.
-  int err = 0;
-  socklen_t len = sizeof err;
-  if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) < 0) return errno;
-  return err;
+  int r = waitSocket(fd, true, secondsToMs(timeoutSeconds));
+  if (r > 0) return 0;
+  return r == 0 ? ETIMEDOUT : errno;
 }
 
 int makeConnection(ServerLink *link) {
@@ -284,7 +297,7 @@ void putNumber(Buf *buf, int32_t value) {
 }
 
 void putText(Buf *buf, const char *text) {
-  if (text && *text) {
+  if (text) {
     StuffBuf(buf, text, strlen(text) + 1, 1, static_cast<uint32_t>(FIELD_TEXT) << 24);
     return;
   }
@@ -324,17 +337,6 @@ static void bracketOff(unsigned previous) {
     alarm(previous);
   } else if (busyHook) {
     busyHook(0);
-  }
-}
-
-// Waits until fd is readable (write false) or writable: 1 ready, 0 time-out, -1 error.
-// (poll rather than select: an fd_set cannot hold descriptors past FD_SETSIZE)
-static int waitSocket(int fd, bool write, int waitMs) {
-  for (;;) {
-    pollfd p{fd, static_cast<short>(write ? POLLOUT : POLLIN), 0};
-    int r = poll(&p, 1, waitMs);
-    if (r >= 0) return r > 0 ? 1 : 0;
-    if (errno != EINTR) return -1;
   }
 }
 

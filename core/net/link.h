@@ -83,7 +83,8 @@ struct ServerLink {
 };
 
 // A fresh context for `address` (copied; may be null): socket -1, time-out 30 s,
-// 2 connect retries, loss messages on. Out of memory reports "newServerLink".
+// 2 connect retries, loss messages on (the client core sets its own values after).
+// Out of memory reports "newServerLink".
 ServerLink *newServerLink(const char *address);
 // Closes the socket and frees the buffer, slots, address and the context; null is fine.
 void freeServerLink(ServerLink *link);
@@ -95,6 +96,7 @@ void splitServerAddress(const char *address, std::string *host, int *number);
 // The TCP port for an address: 3751 + n, taken in 16 bits.
 int serverTcpPort(const char *address);
 // Opens a non-blocking socket to the context's server; returns it or -1 (errno set).
+// A pending connect counts as made once the socket is writable within the time-out.
 int makeConnection(ServerLink *link);
 // Whether `address` names this machine, given the port number the caller uses.
 bool isLocalServer(const char *address, int port);
@@ -108,8 +110,8 @@ void startMessage(Buf *buf, int code);
 // Starts a request in the context's buffer: extended flag cleared, the peer's version
 // copied into the buffer for the item codec's gates, then the header.
 void startRequest(ServerLink *link, int code);
-// Appends a number field (kind 51) or a text field (kind 56, with its NUL; a null or
-// empty text is an empty field, a bare tag word).
+// Appends a number field (kind 51) or a text field (kind 56, with its NUL; a null
+// text is an empty field, a bare tag word).
 void putNumber(Buf *buf, int32_t value);
 void putText(Buf *buf, const char *text);
 // Rewrites the header with the length up to the cursor and the magic the extended

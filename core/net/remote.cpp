@@ -77,20 +77,22 @@ static void putTagged(Buf *buf, char letter, int32_t value) {
   StuffBuf(buf, &value, 4, 4, bufTag(letter));
 }
 
+// A query block: its group of tagged fields written in place. No query asks for
+// everything: an empty set, an open range, all kinds, no text.
 static bool putQuery(Buf *buf, const ItemQuery *query) {
-  if (!query) {
-    putEmpty(buf, FIELD_QUERY);
-    return true;
-  }
-  size_t at = openField(buf);
+  static const ItemQuery all{nullptr, NO_TIME, NO_TIME, 0, nullptr};
+  const ItemQuery *q = query ? query : &all;
   char bits[NETBITS_MAX];
-  int n = writenetbits(bits, sizeof bits, query->calendars);
+  int n = writenetbits(bits, sizeof bits, q->calendars);
   StuffBuf(buf, bits, static_cast<size_t>(n > 0 ? n : 0), 1, bufTag('W'));
-  putTagged(buf, 's', query->start);
-  putTagged(buf, 'e', query->end);
-  putTagged(buf, 'k', query->kinds);
-  if (query->text) StuffBuf(buf, query->text, strlen(query->text) + 1, 1, bufTag('t'));
-  return closeField(buf, at, FIELD_QUERY);
+  putTagged(buf, 's', q->start);
+  putTagged(buf, 'e', q->end);
+  putTagged(buf, 'k', q->kinds);
+  if (!q->text) return true;
+  size_t length = strlen(q->text) + 1;
+  if (length > BUF_MAX_FIELD) return false;
+  StuffBuf(buf, q->text, length, 1, bufTag('t'));
+  return true;
 }
 
 /* ==== The worker ============================================================================= */

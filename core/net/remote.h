@@ -3,15 +3,17 @@
 //
 // A request is the header (link.h) with the call's code, then the call's elements in
 // a fixed order. Each element is one tagged field whose tag byte is its kind:
-//   51 number (32-bit)         56 text (with its NUL; empty: a bare tag word)
-//   52 query block             54 item (the item codec's fields, its chain included)
-//   53 list of items           7  default-alarm record (bytes the alarm code encodes)
-//   50 data (bytes the caller encodes: permission records, calendar sets)
+//   51 number (32-bit)         56 text (with its NUL; a null text: a bare tag word)
+//   54 item (the item codec's fields, its chain included; no item: a bare tag word)
+//   53 list of items (the item codec's fields of every item, chains included)
+//   7  default-alarm record (bytes the alarm code encodes)
 //   58 address-book list (bytes the address book encodes), 59 when it has no entries
-// A query block holds, as tagged fields: "W" the calendar set (bit encoding), "s" and
-// "e" the start and end time (numbers), "k" the item kinds wanted (number), and "t" the
-// search text when one is given. Wrapping every composite in one field keeps the
-// request a plain list of fields for the server.
+//   50 data (bytes the caller encodes: permission records, calendar sets)
+// Lists and data carry their kind and length like the others, so that two lists in one
+// request stay apart. A query block is not wrapped: it is its group of tagged fields in
+// place, "W" the calendar set (bit encoding), "s" and "e" the start and end time
+// (numbers), "k" the item kinds wanted (number), and "t" the search text when one is
+// given; a null query sends an empty set, an open range and all kinds.
 //
 // The reply is read as a list of typed fields, the reply code first (link.h). Every call
 // has the same shape: up to 2 resends when a reply is lost (-100); a busy reply (217) is
@@ -33,7 +35,6 @@ namespace quorvel {
 struct Item;
 
 inline constexpr int FIELD_DATA = 50;
-inline constexpr int FIELD_QUERY = 52;
 inline constexpr int FIELD_ITEM_LIST = 53;
 inline constexpr int FIELD_ITEM = 54;
 inline constexpr int FIELD_ALARM_DEFAULT = 7;
