@@ -11,10 +11,10 @@ class IdentityTest : public PeopleTest {
  protected:
   void SetUp() override {
     PeopleTest::SetUp();
-    writeUsers("anna,ak,anna@x.org,Anna K\nbob,bk\ncarl,ck,carl@x.org\n");
-    int changed;
-    readUsersFile(main, &changed);
+    readMain("anna,ak,anna@x.org,Anna K\nbob,bk\ncarl,ck,carl@x.org\n", 1000);
     ASSERT_EQ(calendarTableSize(main), 3);
+    setViewingDb(main);
+    setActingDb(main);
   }
 };
 
@@ -24,112 +24,85 @@ TEST_F(IdentityTest, SettersIgnoreNegativesAndKeepTheThirdApart) {
   EXPECT_EQ(calendarInView(), -1);
   setOwnCalendar(1);
   setViewedCalendar(-3);
-  EXPECT_EQ(viewedCalendar(), -1);
-  EXPECT_EQ(calendarInView(), 1);
+  EXPECT_EQ(calendarInView(), 1);  // nothing viewed: the own calendar
   EXPECT_TRUE(isOwnCalendar(1));
   EXPECT_STREQ(ownCalendarName(), "bob");
   setViewedCalendar(2);
   EXPECT_EQ(calendarInView(), 2);
   EXPECT_STREQ(viewedCalendarName(), "carl");
-  setThirdCalendar(0);
-  EXPECT_EQ(thirdCalendar(), 0);
-  EXPECT_STREQ(thirdCalendarName(), "anna");
-  setThirdCalendar(2);  // the viewed one cannot be the third
-  EXPECT_EQ(thirdCalendar(), -1);
-  EXPECT_EQ(thirdCalendarName(), nullptr);
-  setThirdCalendar(0);
-  setThirdCalendar(1);  // nor the own one
-  EXPECT_EQ(thirdCalendar(), -1);
-  setThirdCalendar(0);
-  setThirdCalendar(-1);
-  EXPECT_EQ(thirdCalendar(), -1);
+  setOwnCalendar(-1);
+  EXPECT_EQ(ownCalendar(), 1);
+  // The third is none when negative, the viewed or the own calendar.
+  for (int refused : {2, 1, -1}) {
+    setThirdCalendar(0);
+    EXPECT_STREQ(thirdCalendarName(), "anna");
+    setThirdCalendar(refused);
+    EXPECT_EQ(thirdCalendar(), -1);
+    EXPECT_EQ(thirdCalendarName(), nullptr);
+  }
 }
 
-TEST_F(IdentityTest, ReresolvesHeldNamesAfterTheTableIsRebuilt) {
+TEST_F(IdentityTest, HeldCalendarsFollowTheirNamesIntoARebuiltTable) {
   setOwnCalendar(0);
   setViewedCalendar(1);
   setThirdCalendar(2);
-  writeUsers("carl,ck\nzed,zz\nanna,ak\n", 2000000);
-  int changed;
-  readUsersFile(main, &changed);  // carries the change: the names are looked up again
-  EXPECT_EQ(changed, 1);
+  main->kind = DB_KIND_LOCAL;  // even when the change is not carried further
+  readMain("carl,ck\nzed,zz\nanna,ak\n", 2000);
   EXPECT_EQ(thirdCalendar(), 0);
   EXPECT_EQ(viewedCalendar(), 1);  // bob is gone: the old index stays
-  EXPECT_EQ(ownCalendar(), -1);    // the own name was settled as "Nobody" by the read
+  EXPECT_EQ(ownCalendar(), -1);    // the read settled the own name as "Nobody"
   setOwnCalendar(2);
-  EXPECT_STREQ(ownCalendarName(), "anna");
   UserList *l = newUserList();
   addUserEntry(l, "anna", "", "", "", 0);
-  addUserEntry(l, "carl", "", "", "", 0);
   rebuildNameTable(main, l);
   reresolveCalendars();
   EXPECT_EQ(ownCalendar(), 0);
-  EXPECT_EQ(thirdCalendar(), 1);
   freeUserList(l);
 }
 
 TEST_F(IdentityTest, MailAndDisplayNamesFallBackToLoginAndName) {
-  EXPECT_STREQ(userMailAddress(0), "anna@x.org");
-  EXPECT_STREQ(userMailAddress(1), "bk");
-  EXPECT_STREQ(userMailAddress(7), "");
-  EXPECT_STREQ(userDisplayName(0), "Anna K");
-  EXPECT_STREQ(userDisplayName(1), "bob");
-  EXPECT_STREQ(userDisplayName(-1), "(null)");
-  EXPECT_EQ(plainCalendarTitle(2), "carl");
+  EXPECT_EQ(std::string(userMailAddress(0)) + "|" + userMailAddress(1) + "|" +
+                userMailAddress(7) + "|" + userDisplayName(0) + "|" + userDisplayName(1) +
+                "|" + userDisplayName(-1) + "|" + plainCalendarTitle(0),
+            "anna@x.org|bk||Anna K|bob|(null)|Anna K");
 }
 
-TEST_F(IdentityTest, ActingForDependsOnViewedOwnAndTheContextSlots) {
-  DbHandle *other = makeContext("proxy", DB_KIND_NONE);
+TEST_F(IdentityTest, ActingForAndTitlesSayWhoseCalendarIsShown) {
+  DbHandle *acting = makeContext("agent", DB_KIND_NONE);
   setOwnCalendar(0);
+  EXPECT_EQ(calendarTitle(0), "Anna K");  // one's own calendar
+  EXPECT_EQ(calendarTitle(2), "Calendar for carl");
   setViewedCalendar(1);
   EXPECT_EQ(isActingFor(2), 0);  // not the viewed calendar
   EXPECT_EQ(isActingFor(1), 1);  // viewed and not own
-  setViewedCalendar(0);
-  setViewingDb(main);
-  setActingDb(main);
-  EXPECT_EQ(isActingFor(0), 0);  // own, viewed through main acting as itself
-  setActingDb(other);
-  EXPECT_EQ(isActingFor(0), 1);  // own, but acting through another context
-  setViewingDb(other);
-  EXPECT_EQ(isActingFor(0), 0);  // main is not the viewing context
-}
-
-TEST_F(IdentityTest, TitlesNameWhoseCalendarIsShown) {
-  DbHandle *acting = makeContext("agent", DB_KIND_NONE);
-  setViewingDb(main);
-  setActingDb(main);
-  setOwnCalendar(0);
-  EXPECT_EQ(calendarTitle(0), "Anna K");            // one's own calendar
-  EXPECT_EQ(calendarTitle(2), "Calendar for carl");  // someone else's, not viewed
-  setViewedCalendar(1);
   EXPECT_EQ(calendarTitle(0), "Calendar for Anna K");  // own, while another is viewed
   EXPECT_EQ(calendarTitle(1), "Agent for bob");
-  setActingDb(acting);
-  acting->kind = DB_KIND_PROXY;
-  EXPECT_EQ(calendarTitle(1), "Proxy for bob");
   setViewedCalendar(0);
-  EXPECT_EQ(calendarTitle(0), "Proxy for Anna K");  // own, acting through a proxy
+  EXPECT_EQ(isActingFor(0), 0);  // own and viewed, main acting as itself
+  setActingDb(acting);
+  EXPECT_EQ(isActingFor(0), 1);  // own, but acting through another context
+  EXPECT_EQ(calendarTitle(0), "Agent for Anna K");
+  acting->kind = DB_KIND_PROXY;
+  EXPECT_EQ(calendarTitle(0), "Proxy for Anna K");
   EXPECT_EQ(calendarTitle(9), "Calendar for (null)");
+  setViewingDb(acting);
+  EXPECT_EQ(isActingFor(0), 0);  // main is not the viewing context
+  EXPECT_EQ(calendarTitle(0), "Calendar for Anna K");
 }
 
 TEST_F(IdentityTest, TitlePrefixesComeFromTheCatalogue) {
   mkdir((root + "/resources").c_str(), 0755);
   mkdir((root + "/resources/De").c_str(), 0755);
-  writeAt("resources/De/qv.msg",
-          "$set 1\n1 x\n"
-          "$set 2\n$set 3\n$set 4\n$set 5\n$set 6\n$set 7\n$set 8\n$set 9\n"
-              "$set 10\n$set 11\n$set 12\n$set 13\n$set 14\n$set 15\n$set 16\n$set 17\n"
-              "$set 18\n1 Agent f\xc3\xbcr \n2 -\n3 Kalender f\xc3\xbcr \n4 Vertreter f\xc3\xbcr \n",
-          100);
+  std::string text;
+  for (int s = 1; s < 18; s++) text += "$set " + std::to_string(s) + "\n";
+  text += "$set 18\n1 Agent f\xc3\xbcr \n2 -\n3 Kalender f\xc3\xbcr \n4 Vertreter f\xc3\xbcr \n";
+  writeAt("resources/De/qv.msg", text, 100);
   catopen("qv");
   catsetlang("De");
-  setViewingDb(main);
-  setActingDb(main);
   setOwnCalendar(0);
   EXPECT_EQ(calendarTitle(2), "Kalender f\xc3\xbcr carl");
   setViewedCalendar(1);
   EXPECT_EQ(calendarTitle(1), "Agent f\xc3\xbcr bob");
-  makeContext("p", DB_KIND_PROXY);
-  setActingDb(others.back());
+  setActingDb(makeContext("p", DB_KIND_PROXY));
   EXPECT_EQ(calendarTitle(1), "Vertreter f\xc3\xbcr bob");
 }

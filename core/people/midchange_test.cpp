@@ -2,8 +2,6 @@
 // reader closes it (fclose is interposed at link time in this test binary only).
 #include "core/people/people_test_util.h"
 
-#include <cstring>
-
 extern "C" int __real_fclose(FILE *f);
 
 namespace {
@@ -15,8 +13,7 @@ extern "C" int __wrap_fclose(FILE *f) {
   if (!growOnClose.empty()) {
     std::string path = growOnClose;
     growOnClose.clear();
-    FILE *g = fopen(path.c_str(), "a");
-    if (g) {
+    if (FILE *g = fopen(path.c_str(), "a")) {
       fputs("late,comer\n", g);
       __real_fclose(g);
     }
@@ -27,11 +24,8 @@ extern "C" int __wrap_fclose(FILE *f) {
 using namespace quorvel;
 
 TEST_F(PeopleTest, AFileThatGrowsDuringTheReadIsReadAgainLater) {
-  writeUsers("a,x\n", 100);
-  int changed;
-  readUsersFile(main, &changed);
-  ASSERT_EQ(main->users->count, 1);
-  writeUsers("a,x\nb,y\n", 200);
+  readMain("a,x\n", 100);
+  writeAt("db/users", "a,x\nb,y\n", 200);
   growOnClose = root + "/db/users";
   testing::internal::CaptureStderr();
   readUsersFile(main, &changed);
@@ -41,12 +35,11 @@ TEST_F(PeopleTest, AFileThatGrowsDuringTheReadIsReadAgainLater) {
   EXPECT_EQ(main->users->count, 1);     // the old list stays in force
   EXPECT_EQ(main->usersFileTime, 100);  // and the stored time is not advanced
   EXPECT_EQ(mainUsersFileSize(), 4);
-  // The next call reads the whole file (the append moved its time on as well).
-  readUsersFile(main, &changed);
+  readUsersFile(main, &changed);  // the next call reads the whole file
   EXPECT_EQ(changed, 1);
   ASSERT_EQ(main->users->count, 3);
   EXPECT_STREQ(main->users->entries[2].name, "late");
-  // Another context's file may change size: nobody checks it there.
+  // Another context's file is not checked for a change of size.
   DbHandle *other = makeContext("n1", DB_KIND_NONE);
   writeAt("db/remoteUsers/n1", "r,s\n", 300);
   growOnClose = root + "/db/remoteUsers/n1";

@@ -12,10 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -29,6 +27,7 @@ class PeopleTest : public ::testing::Test {
   std::string root;                // the temporary installation root
   DbHandle *main = nullptr;        // the default database, main and current
   std::vector<DbHandle *> others;  // further contexts made by a test
+  int changed = -1;                // the change flag handed to the reads
 
   static void noPause(unsigned) {}
 
@@ -50,8 +49,7 @@ class PeopleTest : public ::testing::Test {
     releaseUsers(main);
     for (DbHandle *db : others) releaseUsers(db);
     resetState();
-    std::string cmd = "rm -rf '" + root + "'";
-    EXPECT_EQ(system(cmd.c_str()), 0);
+    EXPECT_EQ(system(("rm -rf '" + root + "'").c_str()), 0);
     unsetenv("QUORVELPATH");
   }
 
@@ -71,8 +69,8 @@ class PeopleTest : public ::testing::Test {
     return db;
   }
 
-  // Writes a file under the root and gives it the modification time `mtime`, so that
-  // a test decides whether the file counts as newer.
+  // Writes a file under the root with the modification time `mtime`, so that a test
+  // decides whether the file counts as newer.
   void writeAt(const std::string &rel, const std::string &text, time_t mtime) {
     std::string path = root + "/" + rel;
     FILE *f = fopen(path.c_str(), "w");
@@ -82,13 +80,10 @@ class PeopleTest : public ::testing::Test {
     struct timeval tv[2] = {{mtime, 0}, {mtime, 0}};
     ASSERT_EQ(utimes(path.c_str(), tv), 0);
   }
-  void writeUsers(const std::string &text, time_t mtime = 1000000) {
+  // Writes "db/users" and reads it into the main context; returns the read's result.
+  int readMain(const std::string &text, time_t mtime) {
     writeAt("db/users", text, mtime);
-  }
-
-  static std::string me() {
-    struct passwd *pw = getpwuid(getuid());
-    return pw ? pw->pw_name : "";
+    return readUsersFile(main, &changed);
   }
 };
 

@@ -10,8 +10,11 @@ using namespace quorvel;
 
 namespace {
 
-std::vector<std::pair<DbHandle *, DbHandle *>> effects;  // (main, ctx) of each change
-void recordEffect(DbHandle *m, DbHandle *ctx) { effects.emplace_back(m, ctx); }
+std::vector<DbHandle *> effects;  // the context of each change carried out
+void recordEffect(DbHandle *m, DbHandle *ctx) {
+  EXPECT_EQ(m, mainDb());
+  effects.push_back(ctx);
+}
 void quietLoss(const char *) {}
 
 class RemoteUsersTest : public PeopleTest {
@@ -22,29 +25,25 @@ class RemoteUsersTest : public PeopleTest {
   void SetUp() override {
     PeopleTest::SetUp();
     resetLink();
-    setPauseHook(noPause);
     setLinkMessageHook(quietLoss);
     effects.clear();
     setUserChangeHook(recordEffect);
     ASSERT_EQ(startCalServer(&server), 0);
-    remote = makeContext("srv", DB_KIND_NONE);
-    remote->server = attach();
+    remote = attach(makeContext("srv", DB_KIND_NONE), 4);
   }
   void TearDown() override {
-    for (DbHandle *db : others) {
-      freeServerLink(db->server);
-      db->server = nullptr;
-    }
+    for (DbHandle *db : others) freeServerLink(db->server), db->server = nullptr;
     stopCalServer(&server);
     resetLink();
     PeopleTest::TearDown();
   }
-  ServerLink *attach() {
-    ServerLink *l = newServerLink(calAddress(&server).c_str());
-    l->waitMs = 3000;
-    return l;
+  DbHandle *attach(DbHandle *db, int32_t value) {
+    db->server = newServerLink(calAddress(&server).c_str());
+    db->server->waitMs = 3000;
+    db->server->serverValue = value;
+    return db;
   }
-  // A normal RemGetUsers answer: a field of `kind`, then the number.
+  // A RemGetUsers answer: a field of `kind`, then the number.
   void answer(int kind, int32_t value) {
     calScript(&server, {calReply({calBytes(kind, "users"), calNumber(value)})});
   }
@@ -54,83 +53,64 @@ class RemoteUsersTest : public PeopleTest {
 
 TEST_F(RemoteUsersTest, ReadingAServerContextAsksTheServerInsteadOfTheFile) {
   writeAt("db/remoteUsers/srv", "never,read\n", 100);
-  setOwnCalendar(-1);
-  setViewedCalendar(-1);
-  remote->server->serverValue = 4;
+  setViewedCalendar(3);  // the result is the calendar in view, not the own one
   remote->changed = true;
   answer(2, 9);
-  int changed = -1;
-  EXPECT_EQ(readUsersFile(remote, &changed), calendarInView());
+  EXPECT_EQ(readUsersFile(remote, &changed), 3);
   EXPECT_EQ(changed, 1);
   EXPECT_TRUE(remote->changed);
   EXPECT_EQ(remote->server->serverValue, 9);
-  EXPECT_EQ(remote->users, nullptr);  // nothing was read from the file
-  ASSERT_EQ(effects.size(), 1u);
-  EXPECT_EQ(effects[0].first, main);
-  EXPECT_EQ(effects[0].second, remote);
-  std::vector<CalRequest> got = calRequests(&server);
-  ASSERT_FALSE(got.empty());
-  EXPECT_EQ(got.back().code, 104);
-  ASSERT_EQ(got.back().fields.size(), 2u);
-  EXPECT_EQ(calFieldNumber(got.back().fields[0]), 4);  // the server value first
-  EXPECT_TRUE(got.back().fields[1].payload.empty());   // no calendar name
-  // The same value again: no change, and the changed mark is cleared.
-  answer(2, 9);
-  EXPECT_EQ(readUsersFile(remote, &changed), calendarInView());
+  EXPECT_EQ(remote->users, nullptr);  // the file was not read
+  EXPECT_EQ(effects, std::vector<DbHandle *>{remote});
+  CalRequest got = calRequests(&server).back();
+  EXPECT_EQ(got.code, 104);
+  ASSERT_EQ(got.fields.size(), 2u);
+  EXPECT_EQ(calFieldNumber(got.fields[0]), 4);  // the server value first
+  EXPECT_TRUE(got.fields[1].payload.empty());   // no calendar name
+  answer(2, 9);  // the same value again: no change, the mark is cleared
+  readUsersFile(remote, &changed);
   EXPECT_EQ(changed, 0);
   EXPECT_FALSE(remote->changed);
-  // A kind-8 answer never marks a change.
-  answer(8, 77);
+  answer(8, 77);  // a kind-8 answer never marks a change
   readUsersFile(remote, &changed);
   EXPECT_EQ(changed, 0);
   EXPECT_EQ(remote->server->serverValue, 9);
+  main->kind = DB_KIND_LOCAL;  // a main context of kind 1 carries no change
+  answer(2, 5);
+  readUsersFile(remote, &changed);
+  EXPECT_EQ(changed, 1);
   EXPECT_EQ(effects.size(), 1u);
 }
 
-TEST_F(RemoteUsersTest, AMainContextOfKindOneHearsNoChange) {
-  main->kind = DB_KIND_LOCAL;
-  answer(2, 5);
-  int changed;
-  readUsersFile(remote, &changed);
-  EXPECT_EQ(changed, 1);
-  EXPECT_TRUE(effects.empty());
-}
-
 TEST_F(RemoteUsersTest, RefreshNamesACalendarWhoseOwnConnectionTakesTheAnswer) {
-  int changed = -1;
-  DbHandle *local = makeContext("plain", DB_KIND_NONE);
-  EXPECT_EQ(refreshRemoteUsers(local, &changed, nullptr), -1);
+  EXPECT_EQ(refreshRemoteUsers(makeContext("plain", DB_KIND_NONE), &changed, nullptr), -1);
   EXPECT_EQ(changed, 0);
-  DbHandle *anna = makeContext("anna", DB_KIND_NONE);
-  anna->server = attach();
-  anna->server->serverValue = 3;
-  remote->server->serverValue = 1;
+  DbHandle *anna = attach(makeContext("anna", DB_KIND_NONE), 3);
   answer(2, 8);
   EXPECT_EQ(refreshRemoteUsers(remote, &changed, "anna"), 0);
   EXPECT_EQ(changed, 1);
+  EXPECT_TRUE(anna->changed);
   EXPECT_EQ(anna->server->serverValue, 8);
-  EXPECT_EQ(remote->server->serverValue, 1);  // the asking link keeps its own value
-  ASSERT_EQ(effects.size(), 1u);
-  EXPECT_EQ(effects[0].second, anna);
+  EXPECT_EQ(remote->server->serverValue, 4);  // the asking link keeps its own value
   EXPECT_EQ(calFieldText(calRequests(&server).back().fields[1]), "anna");
-  // A name without a context of its own: the answer lands on the asking link.
-  answer(2, 6);
+  answer(2, 8);  // an equal answer clears the named context's mark
+  EXPECT_EQ(refreshRemoteUsers(remote, &changed, "anna"), 0);
+  EXPECT_EQ(changed, 0);
+  EXPECT_FALSE(anna->changed);
+  answer(2, 6);  // a name without a context: the answer lands on the asking link
   EXPECT_EQ(refreshRemoteUsers(remote, &changed, "stranger"), 0);
-  EXPECT_EQ(changed, 1);
   EXPECT_EQ(remote->server->serverValue, 6);
-  EXPECT_EQ(effects.back().second, remote);
+  EXPECT_EQ(effects, (std::vector<DbHandle *>{anna, remote}));
 }
 
 TEST_F(RemoteUsersTest, AMalformedAnswerFailsWithoutAChange) {
   calScript(&server, {calReply({calNumber(1)})});
-  int changed = -1;
   testing::internal::CaptureStderr();
   EXPECT_EQ(refreshRemoteUsers(remote, &changed, nullptr), -1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "RemGetUsers: bad reply\n");
   EXPECT_EQ(changed, 0);
   EXPECT_TRUE(effects.empty());
-  // A context of kind 1 with a connection is local: its file is read.
-  remote->kind = DB_KIND_LOCAL;
+  remote->kind = DB_KIND_LOCAL;  // kind 1 with a connection is local: its file is read
   writeAt("db/remoteUsers/srv", "filed,x\n", 100);
   readUsersFile(remote, &changed);
   ASSERT_NE(remote->users, nullptr);
