@@ -100,17 +100,13 @@ TEST_F(CalSetTest, SetsEqualComparesMembersWhateverTheLengths) {
     int bitsB;
     std::vector<int> b;
     bool equal;
-  } rows[] = {
-      {0, {}, 0, {}, true},        {40, {}, 0, {}, true},      {40, {5}, 6, {5}, true},
-      {40, {5, 33}, 6, {5}, false}, {40, {33}, 0, {}, false},   {16, {15}, 17, {15}, true},
-      {17, {16}, 17, {15}, false},
-  };
+  } rows[] = {{0, {}, 0, {}, true},         {40, {}, 0, {}, true},    {40, {5}, 6, {5}, true},
+              {40, {5, 33}, 6, {5}, false}, {40, {33}, 0, {}, false}, {16, {15}, 17, {15}, true},
+              {17, {16}, 17, {15}, false}};
   for (const Row &r : rows) {
-    CalSet a = makeSet(r.bitsA, r.a), b = makeSet(r.bitsB, r.b);
-    EXPECT_EQ(setsEqual(a, b), r.equal) << r.bitsA << " vs " << r.bitsB;
-    EXPECT_EQ(setsEqual(b, a), r.equal) << r.bitsB << " vs " << r.bitsA;
-    freebits(&a);
-    freebits(&b);
+    set = makeSet(r.bitsA, r.a), other = makeSet(r.bitsB, r.b);
+    EXPECT_TRUE(setsEqual(set, other) == r.equal && setsEqual(other, set) == r.equal) << r.bitsA;
+    freebits(&set), freebits(&other);
   }
   set = makeSet(40, {1, 33});
   copybits(&other, set);
@@ -145,8 +141,7 @@ TEST_F(CalSetTest, NamesEncodingListsNamedMembersOrAll) {
     EXPECT_EQ(std::string(out.data() + 4, r.text.size()), r.text);
     EXPECT_EQ(readnetchars(out.data(), out.size(), &other), total);
     EXPECT_EQ(members(other), r.back) << r.text;
-    freebits(&set);
-    freebits(&other);
+    freebits(&set), freebits(&other);
   }
   set = makeSet(4, {0, 1, 2, 3});
   std::vector<char> small(13, 'k');
@@ -173,8 +168,8 @@ TEST_F(CalSetTest, ReadnetcharsSkipsUnknownNamesAndRefusesOversize) {
     uint32_t t = r.declared != 0 ? r.declared : uint32_t(field.size());
     for (int i = 0; i < 4; i++) field[size_t(i)] = char(t >> (24 - 8 * i));
     int result = 0;
-    size_t len = r.len != 0 ? r.len : field.size();
-    EXPECT_EQ(stderrOf([&] { result = readnetchars(field.data(), len, &other); }), r.report);
+    auto read = [&] { result = readnetchars(field.data(), r.len ? r.len : field.size(), &other); };
+    EXPECT_EQ(stderrOf(read), r.report);
     EXPECT_EQ(result, r.result != 0 ? r.result : int(field.size())) << r.text;
     EXPECT_EQ(members(other), r.members) << r.text;
     freebits(&other);
@@ -241,14 +236,9 @@ TEST_F(CalSetTest, BitsEncodingRefusesOversizeAndSendsEmptySetsAsZero) {
 
 TEST(CalSetDeath, AllocbitsReportsOutOfMemory) {
   if (!memLimitWorks()) GTEST_SKIP() << "address-space cap breaks the sanitizer";
-  EXPECT_EXIT(
-      {
-        CalSet s = nullptr;
-        exhaustMemory();
-        allocbits(&s, 60000);
-        exitProcess(0);
-      },
-      testing::ExitedWithCode(1), "^OutOfMem: called from allocbits\\(\\)\n$");
+  CalSet s = nullptr;
+  EXPECT_EXIT((exhaustMemory(), allocbits(&s, 60000), exitProcess(0)), testing::ExitedWithCode(1),
+              "^OutOfMem: called from allocbits\\(\\)\n$");
 }
 
 }  // namespace

@@ -14,8 +14,8 @@ TEST(NetDate, GroupsAreUntaggedAndReadBack) {
   const DateTime dt{NO_TIME, 0xffff, 5};
   stuffTimeRange(b, tr);
   stuffDateTime(b, dt);
-  const uint8_t bytes[24] = {0, 0, 0x03, 0xE8, 0, 1, 0, 2, 0, 0, 0x07, 0xD0, 0, 3, 0, 4,
-                             0x80, 0, 0, 0, 0xff, 0xff, 0, 5};
+  const uint8_t bytes[24] = {0, 0, 0x03, 0xE8, 0,    1, 0, 2, 0,    0,    0x07, 0xD0,
+                             0, 3, 0,    4,    0x80, 0, 0, 0, 0xff, 0xff, 0,    5};
   ASSERT_EQ(bufUsed(b), 24u);
   EXPECT_EQ(memcmp(bufData(b), bytes, 24), 0);
   rewindBuf(b);
