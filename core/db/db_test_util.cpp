@@ -1,13 +1,14 @@
-// db_test_util.cpp -- temporary directories, file helpers and the recording pause used
-// by the database layer's tests.
+// db_test_util.cpp -- temporary directories, file helpers, stderr capture and the
+// recording pause used by the database layer's tests.
 #include "core/db/db_test_util.h"
+
+#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <sys/stat.h>
 
 #include "core/base/base.h"
 #include "core/db/context.h"
@@ -18,7 +19,6 @@
 namespace quorvel {
 
 static std::vector<unsigned> pauses;
-static void recordPause(unsigned s) { pauses.push_back(s); }
 
 TempDir::TempDir() {
   char tmpl[] = "/tmp/qvdbXXXXXX";
@@ -32,20 +32,24 @@ TempDir::~TempDir() {
 }
 
 void writeFile(const std::string &path, const std::string &text) {
-  std::ofstream out(path, std::ios::binary);
-  out << text;
+  std::ofstream(path, std::ios::binary) << text;
 }
 
 std::string readFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream s;
-  s << in.rdbuf();
+  s << std::ifstream(path, std::ios::binary).rdbuf();
   return s.str();
 }
 
 bool exists(const std::string &path) {
   std::error_code ec;
   return std::filesystem::exists(path, ec);
+}
+
+std::string stderrOf(const std::function<void()> &fn) {
+  ::testing::internal::CaptureStderr();
+  fn();
+  return ::testing::internal::GetCapturedStderr();
 }
 
 std::vector<unsigned> &recordedPauses() { return pauses; }
@@ -57,7 +61,7 @@ void resetDbTestState() {
   resetRetryState();
   resetLockState();
   pauses.clear();
-  setPauseHook(recordPause);
+  setPauseHook([](unsigned s) { pauses.push_back(s); });
 }
 
 }  // namespace quorvel

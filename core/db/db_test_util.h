@@ -1,8 +1,9 @@
 // db_test_util.h -- helpers shared by the database layer's tests: a temporary directory
-// that removes itself, small file helpers, and a fresh process state with a recording
-// pause (so no test really sleeps unless it means to).
+// that removes itself, small file helpers, stderr capture, and a fresh process state
+// with a recording pause (so no test really sleeps).
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@ struct TempDir {
 void writeFile(const std::string &path, const std::string &text);
 std::string readFile(const std::string &path);
 bool exists(const std::string &path);
+std::string stderrOf(const std::function<void()> &fn);  // what fn printed on stderr
 
 // The seconds every pauseSeconds call asked for since the last resetDbTestState.
 std::vector<unsigned> &recordedPauses();

@@ -22,16 +22,16 @@ namespace {
 
 class DbLock : public ::testing::Test {
  protected:
-  void SetUp() override { resetDbTestState(); }
-  void TearDown() override { resetDbTestState(); }
-  // A database directory with its "locks" subdirectory.
-  DbHandle *makeDb() {
-    std::string dir = tmp.at("db");
-    mkdir(dir.c_str(), 0700);
-    mkdir((dir + "/locks").c_str(), 0700);
-    return newDbHandle(dir.c_str(), "test", DB_KIND_NONE);
+  void SetUp() override {
+    resetDbTestState();
+    std::filesystem::create_directories(tmp.at("db/locks"));
+    db = newDbHandle(tmp.at("db").c_str(), "test", DB_KIND_NONE);
+    stamp = db->dir + "/locks/active1";
   }
+  void TearDown() override { resetDbTestState(); }
   TempDir tmp;
+  DbHandle *db;
+  std::string stamp;
 };
 
 int drops;
@@ -39,50 +39,24 @@ void countDrop(DbHandle *) { drops++; }
 
 }  // namespace
 
-TEST_F(DbLock, TouchfileTwiceInOneSecondGivesTwoDifferentTimes) {
-  setPauseHook(nullptr);  // the wait for the clock to move is the behaviour under test
-  std::string f = tmp.at("stamp");
-  writeFile(f, "");
-  int32_t first = touchfile(f.c_str());
-  int32_t second = touchfile(f.c_str());
-  EXPECT_NE(first, NO_TIME);
-  EXPECT_GE(second, first + 1);
-  EXPECT_EQ(fileChangeTime(f.c_str()), second);
-  struct stat st;
-  ASSERT_EQ(stat(f.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0660u);
-}
-
-TEST_F(DbLock, TouchfileOnAFileItCannotChmodIsFatalUnlessStandalone) {
-  std::string f = tmp.at("missing");
-  std::string text = "touchfile: cannot chmod " + f + " (errno=2)\n";
-  EXPECT_EXIT(touchfile(f.c_str()), ExitedWithCode(1), Eq(text));
-  DbHandle *db = newDbHandle(tmp.path.c_str(), nullptr, DB_KIND_NONE);
+TEST_F(DbLock, TouchingAFileItCannotChmodIsFatalUnlessStandalone) {
+  std::string gone = tmp.at("gone");
+  std::string text = "touchfile: cannot chmod " + gone + " (errno=2)\n";
+  EXPECT_EXIT(touchfile(gone.c_str()), ExitedWithCode(1), Eq(text));
   db->standalone = true;
   setCurrentDb(db);
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(touchfile(f.c_str()), NO_TIME);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), text);
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(touchfile(gone.c_str()), NO_TIME); }), text);
+  EXPECT_EQ(touchChangeStamp(gone.c_str()), NO_TIME);
 }
 
-TEST_F(DbLock, TouchChangeStampReportsTheNewChangeTimeOrNoTime) {
-  std::string f = tmp.at("active1");
-  EXPECT_EQ(touchChangeStamp(f.c_str()), NO_TIME);
-  writeFile(f, "");
-  int32_t t = touchChangeStamp(f.c_str());
-  EXPECT_NE(t, NO_TIME);
-  EXPECT_EQ(t, fileChangeTime(f.c_str()));
-}
-
-TEST_F(DbLock, StampingAWriteRecordsBothStampsAndMakesTheDatabaseCurrent) {
-  DbHandle *db = makeDb();
-  writeFile(db->dir + "/locks/active1", "");
+TEST_F(DbLock, StampingAWriteRecordsBothStampsAndMakesOnlyAShareableDatabaseCurrent) {
+  writeFile(stamp, "");
   int32_t t = stampDbWrite(db);
   EXPECT_NE(t, NO_TIME);
+  EXPECT_EQ(t, fileChangeTime(stamp.c_str()));
   EXPECT_EQ(db->lastSeenStamp, t);
   EXPECT_EQ(db->ownWriteStamp, t);
   EXPECT_EQ(currentDb(), db);
-  // A standalone database is stamped without becoming current.
   DbHandle *alone = newDbHandle(db->dir.c_str(), nullptr, DB_KIND_NONE);
   alone->standalone = true;
   setCurrentDb(nullptr);
@@ -90,24 +64,21 @@ TEST_F(DbLock, StampingAWriteRecordsBothStampsAndMakesTheDatabaseCurrent) {
   EXPECT_EQ(currentDb(), nullptr);
 }
 
-TEST_F(DbLock, RefreshCreatesAMissingStampWithoutDroppingTheCache) {
+TEST_F(DbLock, RefreshCreatesAMissingStampAndDropsTheCacheOnlyWhenTheStampMoved) {
   drops = 0;
-  DbHandle *db = makeDb();
   db->dropRecords = countDrop;
   setClockHook([]() -> time_t { return 1700000000; });
   EXPECT_EQ(refreshChangeStamp(db), 1);
-  EXPECT_TRUE(exists(db->dir + "/locks/active1"));
+  EXPECT_TRUE(exists(stamp));
   EXPECT_EQ(db->lastSeenStamp, 1700000000);  // the clock's time, not the new file's
-  EXPECT_EQ(drops, 0);
-  EXPECT_EQ(db->outsideChange, NO_TIME);
-  // The same stamp again: nothing dropped.
-  int32_t real = fileChangeTime((db->dir + "/locks/active1").c_str());
+  EXPECT_EQ(drops, 0);                       // nothing was seen before
+  int32_t real = fileChangeTime(stamp.c_str());
   db->lastSeenStamp = real;
   EXPECT_EQ(refreshChangeStamp(db), 1);
-  EXPECT_EQ(drops, 0);
   EXPECT_EQ(stampChanged(db), 0);
-  // Another process moved the stamp: the cache goes and the change is recorded.
-  db->lastSeenStamp = real - 5;
+  EXPECT_EQ(drops, 0);
+  EXPECT_EQ(db->outsideChange, NO_TIME);
+  db->lastSeenStamp = real - 5;  // another process moved the stamp
   EXPECT_EQ(stampChanged(db), 1);
   db->inMemoryOnly = true;
   EXPECT_EQ(stampChanged(db), 0);  // an in-memory database does not look
@@ -117,55 +88,38 @@ TEST_F(DbLock, RefreshCreatesAMissingStampWithoutDroppingTheCache) {
   EXPECT_EQ(db->lastSeenStamp, real);
 }
 
-TEST_F(DbLock, OwnStampFileIsCreatedOnlyWhenTheLocksDirectoryExists) {
-  std::string root = tmp.path + "/";
-  EXPECT_EQ(checkStampFile(root.c_str()), 0);
-  std::filesystem::create_directories(root + "db/database/locks");
-  EXPECT_EQ(checkStampFile(root.c_str()), 1);
-  struct stat st;
-  ASSERT_EQ(stat((root + "db/database/locks/active1").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0644u & ~static_cast<unsigned>(umask(022)));
-  EXPECT_EQ(checkStampFile(root.c_str()), 1);  // already there
-  const char *home = getenv("HOME");
-  std::string savedHome = home != nullptr ? home : "";
-  setenv("HOME", tmp.path.c_str(), 1);
-  EXPECT_EQ(checkOwnDbStamp(), 0);  // no ".quorvel" below this HOME
-  std::filesystem::create_directories(tmp.path + "/.quorvel/db/database/locks");
+TEST_F(DbLock, OwnStampFileIsCreatedOnlyBelowAnExistingLocksDirectory) {
+  std::string home = tmp.at("home");
+  setenv("HOME", home.c_str(), 1);
+  EXPECT_EQ(checkOwnDbStamp(), 0);
+  std::filesystem::create_directories(home + "/.quorvel/db/database/locks");
   EXPECT_EQ(checkOwnDbStamp(), 1);
-  EXPECT_TRUE(exists(tmp.path + "/.quorvel/db/database/locks/active1"));
+  struct stat st;
+  ASSERT_EQ(stat((home + "/.quorvel/db/database/locks/active1").c_str(), &st), 0);
+  mode_t mask = umask(022);
+  umask(mask);
+  EXPECT_EQ(st.st_mode & 0777, 0644u & ~mask);
+  EXPECT_EQ(checkStampFile((home + "/.quorvel/").c_str()), 1);  // already there
   unsetenv("HOME");
   EXPECT_EQ(checkOwnDbStamp(), 0);
-  if (home != nullptr) setenv("HOME", savedHome.c_str(), 1);
 }
 
-TEST_F(DbLock, SetLockHoldsOneNameAndRefusesTheSameNameTwice) {
-  EXPECT_EQ(heldLock(), nullptr);
-  setLock("/a/lock");
-  EXPECT_STREQ(heldLock(), "/a/lock");
-  setLock("/b/lock");  // a different name replaces the held one
-  EXPECT_STREQ(heldLock(), "/b/lock");
-  EXPECT_EXIT(setLock("/b/lock"), ExitedWithCode(1),
-              Eq("setLock(\"/b/lock\"): \"/b/lock\" already locked\n"));
-  clearLock();
-  EXPECT_EQ(heldLock(), nullptr);
-  EXPECT_EQ(lockDatabase("/b/lock"), 0);
-  EXPECT_EQ(unlockDatabase("/b/lock"), 0);
-}
-
-TEST_F(DbLock, FatalExitRemovesTheHeldLockFile) {
+TEST_F(DbLock, HeldLockIsReplacedRefusedTwiceAndRemovedOnFatalExit) {
   std::string f = tmp.at("lock");
   writeFile(f, "me");
-  EXPECT_EXIT(
-      {
-        setLock(f.c_str());
-        stuckLock(f.c_str(), 0);
-      },
-      ExitedWithCode(1), Eq("Stuck lock file--try again in 5 minutes\n  (\"" + f + "\")\n"));
-  EXPECT_FALSE(exists(f));
+  setLock("/a/lock");
+  setLock(f.c_str());  // a different name replaces the held one
+  EXPECT_STREQ(heldLock(), f.c_str());
+  EXPECT_EXIT(setLock(f.c_str()), ExitedWithCode(1),
+              Eq("setLock(\"" + f + "\"): \"" + f + "\" already locked\n"));
+  EXPECT_EXIT(stuckLock("/x", 0), ExitedWithCode(1),
+              Eq("Stuck lock file--try again in 5 minutes\n  (\"/x\")\n"));
+  EXPECT_FALSE(exists(f));  // the fatal exit above removed it
   writeFile(f, "me");
-  EXPECT_EXIT(stuckLock(f.c_str(), 13), ExitedWithCode(1),
-              Eq("Stuck lock file--notify administrator\n  (\"" + f + "\")  errno=13\n"));
-  EXPECT_TRUE(exists(f));  // not held: left alone
+  clearLock();
+  EXPECT_EXIT(stuckLock("/x", 13), ExitedWithCode(1),
+              Eq("Stuck lock file--notify administrator\n  (\"/x\")  errno=13\n"));
+  EXPECT_TRUE(exists(f));  // no longer held: left alone
   setLock(f.c_str());
   removeHeldLock();
   EXPECT_FALSE(exists(f));
@@ -173,45 +127,42 @@ TEST_F(DbLock, FatalExitRemovesTheHeldLockFile) {
 }
 
 TEST_F(DbLock, LockOwnerCheckObjectsOnlyToAForeignNonEmptyFile) {
-  std::string f = tmp.at("lock");
-  EXPECT_EQ(checkLockOwner(f.c_str()), 0);  // cannot be opened
-  writeFile(f, "");
-  EXPECT_EQ(checkLockOwner(f.c_str()), 0);  // empty
-  setLockOwner("pat@host", 8);
-  writeFile(f, "pat@host");
-  EXPECT_EQ(checkLockOwner(f.c_str()), 0);
-  writeFile(f, "pat@hostX");
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(checkLockOwner(f.c_str()), -1);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Not MY lockfile! " + f + "\n");
-  writeFile(f, "kim@host");
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(checkLockOwner(f.c_str()), -1);
-  ::testing::internal::GetCapturedStderr();
-  // Only the first 100 bytes count: an identity of 100 bytes matches a longer file.
-  std::string id(100, 'q');
-  setLockOwner(id.c_str(), id.size());
-  writeFile(f, id + "tail");
-  EXPECT_EQ(checkLockOwner(f.c_str()), 0);
+  std::string f = tmp.at("lock"), id100(100, 'q'), longFile = id100 + "tail";
+  struct Row { const char *file; std::string id; int result; };  // null file: none
+  const Row rows[] = {{nullptr, "", 0},  {"", "", 0},
+                      {"pat@host", "pat@host", 0}, {"pat@hostX", "pat@host", -1},
+                      {"kim@host", "pat@host", -1}, {"x", "", -1},
+                      {longFile.c_str(), id100, 0}};  // only the first 100 bytes count
+  for (const Row &row : rows) {
+    if (row.file == nullptr) std::filesystem::remove(f);
+    else writeFile(f, row.file);
+    setLockOwner(row.id.data(), row.id.size());
+    int r = 0;
+    std::string out = stderrOf([&] { r = checkLockOwner(f.c_str()); });
+    EXPECT_EQ(r, row.result) << (row.file ? row.file : "");
+    EXPECT_EQ(out, r == 0 ? "" : "Not MY lockfile! " + f + "\n");
+  }
 }
 
-TEST_F(DbLock, TerminateSignalLeavesThroughTheExitPathAndPipeIsIgnored) {
+TEST_F(DbLock, TerminatingSignalsLeaveThroughTheExitPathAndPipeIsIgnored) {
   std::string f = tmp.at("held");
   writeFile(f, "x");
   EXPECT_EXIT(
       {
         installSignalHandlers();
         setLock(f.c_str());
-        raise(SIGPIPE);  // ignored
+        raise(SIGPIPE);
         fprintf(stderr, "survived %d\n", signalsReceived());
         raise(SIGTERM);
       },
       ExitedWithCode(128 + SIGTERM), Eq("survived 0\n"));
   EXPECT_FALSE(exists(f));
-  EXPECT_EXIT(
-      {
-        installSignalHandlers();
-        raise(SIGHUP);
-      },
-      ExitedWithCode(128 + SIGHUP), Eq(""));
+  for (int sig : {SIGINT, SIGHUP}) {
+    EXPECT_EXIT(
+        {
+          installSignalHandlers();
+          raise(sig);
+        },
+        ExitedWithCode(128 + sig), Eq(""));
+  }
 }

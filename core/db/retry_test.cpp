@@ -1,9 +1,9 @@
-// Tests of the retrying file calls, the write probe's fatal texts, scratch-name retries
-// and the stream helpers. The file-system calls are interposed at link time
-// (-Wl,--wrap=...): each __wrap_ function pops the next entry of its call's script
-// (an errno to fail with, or 0 to succeed without acting) and otherwise calls the real
-// function. Scripts only apply to paths below the test's directory, to one descriptor
-// or to one stream, so the test framework's own calls pass through untouched.
+// Tests of the retrying file calls, the write probe, scratch names, touching and the
+// stream helpers, against injected errno sequences. The file-system calls are
+// interposed at link time (-Wl,--wrap=...): each __wrap_ function pops the next entry
+// of its call's script (an errno to fail with, or 0 to succeed without acting) and
+// otherwise calls the real function. Scripts apply only to paths below the test's
+// directory, to one descriptor or to one stream, so gtest's own calls pass untouched.
 #include "core/db/retry.h"
 
 #include <gmock/gmock.h>
@@ -13,10 +13,9 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
-#include <functional>
 #include <fcntl.h>
+#include <functional>
 #include <regex>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
 
@@ -24,12 +23,10 @@
 #include "core/db/context.h"
 #include "core/db/db_test_util.h"
 #include "core/db/layout.h"
+#include "core/db/lock.h"
 
 using namespace quorvel;
-using ::testing::Eq;
 using ::testing::ExitedWithCode;
-
-/* ---- The interposed calls ------------------------------------------------------------ */
 
 namespace {
 
@@ -41,23 +38,14 @@ struct Script {
 };
 
 Script scripts[NCALLS];
-std::string pathScope;       // paths starting with this are scripted
-int fdScope = -1;            // the scripted descriptor
+std::string pathScope;        // paths starting with this are scripted
+int fdScope = -1;             // the scripted descriptor
 FILE *streamScope = nullptr;  // the scripted stream
 int ctimeShift = 0;           // added to st_ctime of scripted paths by stat
 int chmodMovesCtime = 0;      // added to ctimeShift by each real scripted chmod
 
-void clearScripts() {
-  for (Script &s : scripts) s = Script{};
-  pathScope.clear();
-  fdScope = -1;
-  streamScope = nullptr;
-  ctimeShift = 0;
-  chmodMovesCtime = 0;
-}
-
 bool inPath(const char *p) {
-  return !pathScope.empty() && p != nullptr && strncmp(p, pathScope.c_str(), pathScope.size()) == 0;
+  return !pathScope.empty() && p && strncmp(p, pathScope.c_str(), pathScope.size()) == 0;
 }
 
 // Counts the call; true with *result set when the script decides the outcome.
@@ -68,30 +56,33 @@ bool scripted(Call c, bool inScope, int *result) {
   if (s.errs.empty()) return false;
   int e = s.errs.front();
   s.errs.pop_front();
-  if (e == 0) {
-    *result = 0;
-  } else {
-    errno = e;
-    *result = -1;
-  }
+  if (e != 0) errno = e;
+  *result = e == 0 ? 0 : -1;
   return true;
 }
 
-void script(Call c, std::initializer_list<int> errs) { scripts[c].errs = errs; }
-std::deque<int> repeat(int e, int n) { return std::deque<int>(n, e); }
+void script(Call c, std::deque<int> errs) { scripts[c] = Script{std::move(errs), 0}; }
 
 }  // namespace
 
+// Declares __real_<fn> and a __wrap_<fn> that follows script c for calls in scope.
+#define WRAP(fn, c, scope, params, args)                                              \
+  int __real_##fn params;                                                             \
+  int __wrap_##fn params {                                                            \
+    int r;                                                                            \
+    return scripted(c, scope, &r) ? r : __real_##fn args;                             \
+  }
+
 extern "C" {
+WRAP(unlink, UNLINK, inPath(p), (const char *p), (p))
+WRAP(rename, RENAME, inPath(a), (const char *a, const char *b), (a, b))
+WRAP(creat, CREAT, inPath(p), (const char *p, mode_t m), (p, m))
+WRAP(close, CLOSE, fd == fdScope, (int fd), (fd))
+WRAP(fstat, FSTAT, fd == fdScope, (int fd, struct stat *b), (fd, b))
+WRAP(utime, UTIME, inPath(p), (const char *p, const struct utimbuf *t), (p, t))
+WRAP(fflush, FFLUSH, s && s == streamScope, (FILE *s), (s))
 int __real_chmod(const char *, mode_t);
-int __real_unlink(const char *);
 int __real_stat(const char *, struct stat *);
-int __real_rename(const char *, const char *);
-int __real_creat(const char *, mode_t);
-int __real_close(int);
-int __real_fstat(int, struct stat *);
-int __real_utime(const char *, const struct utimbuf *);
-int __real_fflush(FILE *);
 int __real_fclose(FILE *);
 
 int __wrap_chmod(const char *p, mode_t m) {
@@ -101,10 +92,6 @@ int __wrap_chmod(const char *p, mode_t m) {
   if (r == 0 && inPath(p)) ctimeShift += chmodMovesCtime;
   return r;
 }
-int __wrap_unlink(const char *p) {
-  int r;
-  return scripted(UNLINK, inPath(p), &r) ? r : __real_unlink(p);
-}
 int __wrap_stat(const char *p, struct stat *b) {
   int r;
   if (scripted(STAT, inPath(p), &r)) return r;
@@ -112,36 +99,11 @@ int __wrap_stat(const char *p, struct stat *b) {
   if (r == 0 && inPath(p)) b->st_ctime += ctimeShift;
   return r;
 }
-int __wrap_rename(const char *f, const char *t) {
-  int r;
-  return scripted(RENAME, inPath(f), &r) ? r : __real_rename(f, t);
-}
-int __wrap_creat(const char *p, mode_t m) {
-  int r;
-  return scripted(CREAT, inPath(p), &r) ? r : __real_creat(p, m);
-}
-int __wrap_close(int fd) {
-  int r;
-  return scripted(CLOSE, fd == fdScope, &r) ? r : __real_close(fd);
-}
-int __wrap_fstat(int fd, struct stat *b) {
-  int r;
-  return scripted(FSTAT, fd == fdScope, &r) ? r : __real_fstat(fd, b);
-}
-int __wrap_utime(const char *p, const struct utimbuf *t) {
-  int r;
-  return scripted(UTIME, inPath(p), &r) ? r : __real_utime(p, t);
-}
-int __wrap_fflush(FILE *f) {
-  int r;
-  return scripted(FFLUSH, f != nullptr && f == streamScope, &r) ? r : __real_fflush(f);
-}
 // A scripted fclose failure still closes the stream, as the C library's fclose does.
-// Closing the scripted stream ends its scope: a later stream may get the same address.
 int __wrap_fclose(FILE *f) {
   int r;
-  bool inScope = f != nullptr && f == streamScope;
-  if (inScope) streamScope = nullptr;
+  bool inScope = f && f == streamScope;
+  if (inScope) streamScope = nullptr;  // (a later stream may get the same address)
   if (!scripted(FCLOSE, inScope, &r)) return __real_fclose(f);
   int saved = errno;
   __real_fclose(f);
@@ -150,316 +112,248 @@ int __wrap_fclose(FILE *f) {
 }
 }  // extern "C"
 
-/* ---- Fixture --------------------------------------------------------------------------- */
-
 namespace {
 
 class DbRetry : public ::testing::Test {
  protected:
   void SetUp() override {
     resetDbTestState();
-    clearScripts();
+    for (Script &s : scripts) s = Script{};
+    fdScope = -1;
+    streamScope = nullptr;
+    ctimeShift = chmodMovesCtime = 0;
     pathScope = tmp.path;
-    file = tmp.at("f");
     writeFile(file, "data");
   }
   void TearDown() override {
-    clearScripts();
+    pathScope.clear();
     resetDbTestState();
   }
   std::vector<unsigned> &pauses() { return recordedPauses(); }
   TempDir tmp;
-  std::string file;
+  std::string file = tmp.at("f");
+  const char *f = file.c_str();
 };
 
 }  // namespace
 
-/* ---- Transient rule -------------------------------------------------------------------- */
-
-TEST_F(DbRetry, TransientErrorsAreRetriedThreeTimesOneSecondApart) {
-  scripts[UNLINK].errs = repeat(EBUSY, 4);
-  EXPECT_EQ(retryUnlink(file.c_str()), -1);
-  EXPECT_EQ(errno, EBUSY);
-  EXPECT_EQ(scripts[UNLINK].calls, 4);
-  EXPECT_EQ(pauses(), (std::vector<unsigned>{1, 1, 1}));
+TEST_F(DbRetry, TransientRuleRetriesBusyErrorsThreeTimesOneSecondApart) {
+  struct Row { Call call; std::deque<int> errs; int result, err, calls; size_t naps; };
+  const Row rows[] = {
+      {UNLINK, {EBUSY, EBUSY, EBUSY, EBUSY}, -1, EBUSY, 4, 3},
+      {RENAME, {EINTR, EAGAIN, ETXTBSY}, 0, 0, 4, 3},
+      {STAT, {ETIMEDOUT}, 0, 0, 2, 1},
+      {STAT, {EACCES}, -1, EACCES, 1, 0},
+      {UNLINK, {ENOENT}, -1, ENOENT, 1, 0},
+  };
+  for (const Row &row : rows) {
+    script(row.call, row.errs);
+    pauses().clear();
+    struct stat st;
+    int r = row.call == UNLINK ? retryUnlink(f)
+            : row.call == STAT ? retryStat(f, &st) : retryRename(f, f);
+    int err = errno;
+    EXPECT_EQ(r, row.result) << row.call;
+    EXPECT_EQ(r < 0 ? err : 0, row.err) << row.call;
+    EXPECT_EQ(scripts[row.call].calls, row.calls) << row.call;
+    EXPECT_EQ(pauses(), std::vector<unsigned>(row.naps, 1)) << row.call;
+  }
   EXPECT_TRUE(exists(file));
-
-  // Three failures and then the real call: it succeeds.
-  pauses().clear();
-  script(RENAME, {EINTR, EAGAIN, ETXTBSY});
-  std::string to = tmp.at("g");
-  EXPECT_EQ(retryRename(file.c_str(), to.c_str()), 0);
-  EXPECT_EQ(pauses().size(), 3u);
-  EXPECT_TRUE(exists(to));
-
-  pauses().clear();
-  script(STAT, {ETIMEDOUT});
-  struct stat st;
-  EXPECT_EQ(retryStat(to.c_str(), &st), 0);
-  EXPECT_EQ(st.st_size, 4);
-  EXPECT_EQ(pauses().size(), 1u);
-}
-
-TEST_F(DbRetry, OtherErrorsEndTheTransientLoopAtOnce) {
-  std::string missing = tmp.at("missing");
-  EXPECT_EQ(retryUnlink(missing.c_str()), -1);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_EQ(scripts[UNLINK].calls, 1);
-  script(STAT, {EACCES});
-  struct stat st;
-  EXPECT_EQ(retryStat(file.c_str(), &st), -1);
-  EXPECT_EQ(errno, EACCES);
-  EXPECT_TRUE(pauses().empty());
-  for (int e : {EINTR, EAGAIN, EBUSY, ETXTBSY, ETIMEDOUT}) EXPECT_TRUE(isTransientErrno(e));
-  for (int e : {0, ENOENT, EACCES, EIO, EEXIST}) EXPECT_FALSE(isTransientErrno(e));
-}
-
-TEST_F(DbRetry, StandaloneCurrentDatabaseNeverNaps) {
+  // A standalone current database retries without napping.
   DbHandle *db = newDbHandle(tmp.path.c_str(), nullptr, DB_KIND_NONE);
   db->standalone = true;
   setCurrentDb(db);
-  scripts[UNLINK].errs = repeat(EBUSY, 4);
-  EXPECT_EQ(retryUnlink(file.c_str()), -1);
+  pauses().clear();
+  script(UNLINK, {EBUSY, EBUSY, EBUSY, EBUSY});
+  EXPECT_EQ(retryUnlink(f), -1);
   EXPECT_EQ(scripts[UNLINK].calls, 4);
   EXPECT_TRUE(pauses().empty());
-  db->standalone = false;
-  napSeconds(3);
-  EXPECT_EQ(pauses(), (std::vector<unsigned>{3}));
 }
 
-/* ---- ETIMEDOUT rule ----------------------------------------------------------------------- */
-
-TEST_F(DbRetry, ChmodTimingOutFourTimesSucceedsAfterFourSeconds) {
-  script(CHMOD, {ETIMEDOUT, ETIMEDOUT, ETIMEDOUT, ETIMEDOUT});
-  EXPECT_EQ(retryChmod(file.c_str(), 0640), 0);
-  EXPECT_EQ(scripts[CHMOD].calls, 5);
-  EXPECT_EQ(pauses(), (std::vector<unsigned>{1, 1, 1, 1}));
-  struct stat st;
-  ASSERT_EQ(stat(file.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0640u);
-  EXPECT_EQ(reportCount(), 0);
-}
-
-TEST_F(DbRetry, ElevenTimeoutsInARowGiveUpWithTheWarning) {
-  scripts[CHMOD].errs = repeat(ETIMEDOUT, 11);
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(retryChmod(file.c_str(), 0640), -1);
-  int err = errno;
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-            "quorvel: timedOut: chmod ETIMEDOUT 10 times!\n");
-  EXPECT_EQ(err, ETIMEDOUT);  // errno as the last attempt left it
-  EXPECT_EQ(scripts[CHMOD].calls, 11);
-  EXPECT_EQ(pauses().size(), 4u);  // the next six retries follow at once
-}
-
-TEST_F(DbRetry, EveryTimeoutWrapperNamesItsCallAndStopsOnOtherErrors) {
-  struct Case {
-    Call call;
-    const char *name;
-    std::function<int()> run;
-  };
-  int fd = open(file.c_str(), O_RDONLY);
+TEST_F(DbRetry, TimeoutRuleNapsFourTimesThenGivesUpAfterTenRetriesNamingTheCall) {
+  int fd = open(f, O_RDONLY);
   ASSERT_GE(fd, 0);
   fdScope = fd;
   struct stat st;
   std::string made = tmp.at("made");
-  std::vector<Case> cases = {
-      {CREAT, "creat", [&] { return retryCreat(made.c_str(), 0600); }},
-      {FSTAT, "fstat", [&] { return retryFstat(fd, &st); }},
-      {UTIME, "utime", [&] { return retryUtime(file.c_str()); }},
-      {CLOSE, "close", [&] { return retryClose(fd); }},
+  const std::pair<Call, std::function<int()>> wrappers[] = {
+      {CREAT, [&] { return retryCreat(made.c_str(), 0600); }},
+      {FSTAT, [&] { return retryFstat(fd, &st); }},
+      {UTIME, [&] { return retryUtime(f); }},
+      {CHMOD, [&] { return retryChmod(f, 0640); }},
+      {CLOSE, [&] { return retryClose(fd); }},
   };
-  for (Case &c : cases) {
-    scripts[c.call].errs = repeat(ETIMEDOUT, 11);
-    ::testing::internal::CaptureStderr();
-    EXPECT_LT(c.run(), 0) << c.name;
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              std::string("quorvel: timedOut: ") + c.name + " ETIMEDOUT 10 times!\n");
-    EXPECT_EQ(scripts[c.call].calls, 11) << c.name;
-    // A different error is not retried.
-    script(c.call, {EIO});
-    EXPECT_LT(c.run(), 0);
+  const char *names[] = {"creat", "fstat", "utime", "chmod", "close"};
+  int i = 0;
+  for (const auto &[call, run] : wrappers) {
+    const char *name = names[i++];
+    script(call, std::deque<int>(11, ETIMEDOUT));
+    pauses().clear();
+    int r = 0, err = 0;
+    std::string out = stderrOf([&] { r = run(); err = errno; });
+    EXPECT_EQ(r, -1) << name;
+    EXPECT_EQ(err, ETIMEDOUT) << name;
+    EXPECT_EQ(out, std::string("quorvel: timedOut: ") + name + " ETIMEDOUT 10 times!\n");
+    EXPECT_EQ(scripts[call].calls, 11) << name;
+    EXPECT_EQ(pauses(), std::vector<unsigned>(4, 1)) << name;
+    script(call, {EIO});  // any other error ends the loop at once
+    EXPECT_EQ(run(), -1);
     EXPECT_EQ(errno, EIO);
-    EXPECT_EQ(scripts[c.call].calls, 12) << c.name;
+    EXPECT_EQ(scripts[call].calls, 1) << name;
   }
-  EXPECT_EQ(retryClose(fd), 0);  // the real close at last
-}
-
-TEST_F(DbRetry, UtimeRetriesStartFromTheCallersErrno) {
+  EXPECT_EQ(retryClose(fd), 0);
+  // Four time-outs and then success: four one-second naps, no report.
+  script(CHMOD, {ETIMEDOUT, ETIMEDOUT, ETIMEDOUT, ETIMEDOUT});
+  pauses().clear();
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(retryChmod(f, 0604), 0); }), "");
+  EXPECT_EQ(scripts[CHMOD].calls, 5);
+  EXPECT_EQ(pauses(), std::vector<unsigned>(4, 1));
+  ASSERT_EQ(stat(f, &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0604u);
+  // utime's retries start from the caller's errno, which a final success leaves.
   script(UTIME, {ETIMEDOUT});
   errno = ENOSPC;
-  EXPECT_EQ(retryUtime(file.c_str()), 0);
+  EXPECT_EQ(retryUtime(f), 0);
   EXPECT_EQ(errno, ENOSPC);
-  EXPECT_EQ(scripts[UTIME].calls, 2);
 }
 
-/* ---- chmod and the change time ---------------------------------------------------------- */
-
-TEST_F(DbRetry, ChmodThatLeavesTheChangeTimeIsFollowedByUtime) {
-  EXPECT_EQ(chmodTimeState(), -1);
+TEST_F(DbRetry, ChmodAddsUtimeOnlyWhereChmodLeavesTheChangeTime) {
   script(CHMOD, {0});  // "succeeds" without touching the file: the change time stays
-  EXPECT_EQ(retryChmod(file.c_str(), 0600), 0);
+  EXPECT_EQ(retryChmod(f, 0600), 0);
   EXPECT_EQ(chmodTimeState(), 1);
-  EXPECT_EQ(scripts[UTIME].calls, 1);
-  EXPECT_EQ(retryChmod(file.c_str(), 0600), 0);  // settled: every chmod adds a utime
+  EXPECT_EQ(retryChmod(f, 0600), 0);  // settled: every chmod adds a utime
   EXPECT_EQ(scripts[UTIME].calls, 2);
-}
 
-TEST_F(DbRetry, ChmodThatMovesTheChangeTimeNeedsNoUtime) {
+  resetRetryState();
+  script(UTIME, {});
   chmodMovesCtime = 5;  // the file server shows the chmod as a later change time
-  EXPECT_EQ(retryChmod(file.c_str(), 0640), 0);
+  EXPECT_EQ(retryChmod(f, 0640), 0);
   EXPECT_EQ(chmodTimeState(), 0);
+  int stats = scripts[STAT].calls;
+  EXPECT_EQ(retryChmod(f, 0600), 0);
+  EXPECT_EQ(scripts[STAT].calls, stats);  // settled: no more change-time reads
   EXPECT_EQ(scripts[UTIME].calls, 0);
-  int statsBefore = scripts[STAT].calls;
-  EXPECT_EQ(retryChmod(file.c_str(), 0600), 0);
-  EXPECT_EQ(scripts[STAT].calls, statsBefore);  // settled: no more change-time reads
 }
 
-/* ---- The write probe ---------------------------------------------------------------------- */
+TEST_F(DbRetry, TouchfileWaitsUntilTheChangeTimeHasMoved) {
+  // The pause moves the file server's clock, as a real second would.
+  setPauseHook([](unsigned s) { ctimeShift += static_cast<int>(s); });
+  int32_t first = touchfile(f);
+  int32_t second = touchfile(f);
+  EXPECT_NE(first, NO_TIME);
+  EXPECT_GE(second, first + 1);
+  EXPECT_EQ(fileChangeTime(f), second);
+  struct stat st;
+  ASSERT_EQ(stat(f, &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0660u);
+}
 
-TEST_F(DbRetry, ProbeDeniedByTheFileSystemIsFatalWithTheAccessText) {
+TEST_F(DbRetry, ProbeFailureIsFatalWithTheTextOfItsErrnoAfterRemovingTheProbe) {
   setenv("QUORVELPATH", tmp.path.c_str(), 1);
   resetBase();
-  std::filesystem::create_directories(tmp.at("db/database"));
-  script(CREAT, {EACCES});
-  std::string text = "Permission problem: directory \"" + tmp.path +
-                     "/db/database\"\n    is not writeable.  Check owner/group/mode of "
-                     "database subdirectories\n    and of quorvel executeable binary.  "
-                     "(access() errno=EACCES)\n";
-  // The probe's path is below the root, so the relative name is scripted too.
-  pathScope = "db/";
-  EXPECT_EXIT(checkDbDirWritable("db/database"), ExitedWithCode(1), Eq(text));
-  script(CREAT, {EROFS});
-  std::string dir = tmp.at("db/database");
-  text = "Permission problem: directory \"" + dir + "\"\n    is not writeable.  (access() errno=30)\n";
-  pathScope = tmp.path;
-  EXPECT_EXIT(checkDbDirWritable(dir.c_str()), ExitedWithCode(1), Eq(text));
+  // The clean-up shows that the probe was unlinked before the fatal report.
+  registerCleanup([] { fprintf(stderr, "unlinks=%d\n", scripts[UNLINK].calls); });
+  const std::string lead = "Permission problem: directory \"" + tmp.path + "/db/database\"\n"
+                           "    is not writeable.  ";
+  const std::pair<int, std::string> rows[] = {
+      {EACCES, lead + "Check owner/group/mode of database subdirectories\n    and of "
+                      "quorvel executeable binary.  (access() errno=EACCES)\nunlinks=1\n"},
+      {EROFS, lead + "(access() errno=30)\nunlinks=1\n"},
+  };
+  pathScope = "db/";  // the relative probe path is the one scripted
+  for (const auto &[err, text] : rows) {
+    script(CREAT, {err});
+    EXPECT_EXIT(checkDbDirWritable("db/database"), ExitedWithCode(1), ::testing::Eq(text));
+  }
   unsetenv("QUORVELPATH");
-}
-
-TEST_F(DbRetry, ProbeRemovesItsFileEvenWhenCreationFailed) {
-  script(CREAT, {EACCES});
-  EXPECT_EXIT(checkDbDirWritable(tmp.path.c_str()), ExitedWithCode(1), ::testing::_);
-  scripts[CREAT] = Script{};  // the failure was used up in the child only
-  // In this process: a probe that works is unlinked once and closed through retryClose.
+  resetBase();
+  pathScope = tmp.path;
+  script(CREAT, {});
   EXPECT_EQ(checkDbDirWritable(tmp.path.c_str()), 0);
   EXPECT_EQ(scripts[UNLINK].calls, 1);
   EXPECT_NE(observedFileTime(), NO_TIME);
 }
 
-/* ---- Scratch names -------------------------------------------------------------------------- */
-
-TEST_F(DbRetry, ScratchCreationTriesFiftyNamesOnAccessDenied) {
+TEST_F(DbRetry, ScratchNamesRetryCreationOnAccessAndRenameOnTakenNames) {
   std::string tmpl = tmp.at("abcXXXXXX");
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back('\0');
-  scripts[CREAT].errs = repeat(EACCES, 49);
-  ASSERT_EQ(makeScratchFile(buf.data()), 0);
-  EXPECT_EQ(scripts[CREAT].calls, 50);
-  EXPECT_TRUE(std::regex_match(std::string(buf.data()), std::regex(".*/abca[0-9]{5}")));
-
-  std::copy(tmpl.begin(), tmpl.end(), buf.begin());
-  scripts[CREAT] = Script{};
-  scripts[CREAT].errs = repeat(EACCES, 50);
-  EXPECT_EQ(makeScratchFile(buf.data()), -EACCES);
-  EXPECT_EQ(scripts[CREAT].calls, 50);
-}
-
-TEST_F(DbRetry, ScratchRenameRetriesOnlyWhileTheNameIsTaken) {
-  std::string tmpl = tmp.at("abcXXXXXX");
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back('\0');
+  std::vector<char> buf(tmpl.size() + 1);
+  auto make = [&] {
+    memcpy(buf.data(), tmpl.c_str(), tmpl.size() + 1);
+    return makeScratchFile(buf.data());
+  };
+  script(CREAT, std::deque<int>(49, EACCES));
   script(RENAME, {EEXIST, EEXIST});
-  ASSERT_EQ(makeScratchFile(buf.data()), 0);
+  ASSERT_EQ(make(), 0);
+  EXPECT_EQ(scripts[CREAT].calls, 50);
   EXPECT_EQ(scripts[RENAME].calls, 3);
-  EXPECT_TRUE(exists(buf.data()));
+  EXPECT_TRUE(std::regex_match(std::string(buf.data()), std::regex(tmp.path + "/abca[0-9]{5}")));
+  struct stat st;
+  ASSERT_EQ(stat(buf.data(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tmp.path), {}), 2);  // f, a
 
-  std::copy(tmpl.begin(), tmpl.end(), buf.begin());
-  scripts[RENAME] = Script{};
+  script(CREAT, std::deque<int>(50, EACCES));
+  EXPECT_EQ(make(), -EACCES);
+  EXPECT_EQ(scripts[CREAT].calls, 50);
   script(RENAME, {EXDEV});
-  EXPECT_EQ(makeScratchFile(buf.data()), -EXDEV);
+  EXPECT_EQ(make(), -EXDEV);
   EXPECT_EQ(scripts[RENAME].calls, 1);
-  // The read-only "T" file does not stay behind.
-  int tFiles = 0;
-  for (auto &e : std::filesystem::directory_iterator(tmp.path))
-    if (e.path().filename().string().rfind("abcT", 0) == 0) tFiles++;
-  EXPECT_EQ(tFiles, 0);
+  EXPECT_TRUE(std::regex_match(std::string(buf.data()), std::regex(".*/abca[0-9]{5}")));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tmp.path), {}), 3);  // + T
+  // Templates without the placeholder are refused before anything is touched.
+  int creats = scripts[CREAT].calls;
+  std::string bads[] = {"/tmp/abc", "XXXX", tmp.at("XXXXXXabc")};
+  for (std::string &bad : bads) EXPECT_EQ(makeScratchFile(bad.data()), -1) << bad;
+  EXPECT_EQ(scripts[CREAT].calls, creats);
+  std::string inMissingDir = tmp.at("none/abcXXXXXX");
+  EXPECT_EQ(makeScratchFile(inMissingDir.data()), -ENOENT);
 }
 
-/* ---- Streams --------------------------------------------------------------------------------- */
-
-TEST_F(DbRetry, FcloseRetriesAFailingFlushAndThenCloses) {
-  FILE *f = Fopen(tmp.at("out").c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  fputs("kept", f);
-  streamScope = f;
-  script(FFLUSH, {EAGAIN, EIO});
-  EXPECT_EQ(Fclose(f), 0);
-  EXPECT_EQ(scripts[FFLUSH].calls, 3);
-  EXPECT_EQ(pauses().size(), 2u);
-  EXPECT_EQ(readFile(tmp.at("out")), "kept");
+TEST_F(DbRetry, FcloseRetriesTheFlushClosesOnceAndReportsFailures) {
+  struct Row {
+    std::deque<int> flush, close;
+    int result, flushes, closes;
+    size_t naps;
+    std::string report;
+  };
+  const Row rows[] = {
+      {{EAGAIN, EIO}, {}, 0, 3, 1, 2, ""},
+      {{EIO, EIO, EIO, EIO}, {}, 0, 4, 1, 3, "Fclose() fflush failed errno = 5\n"},
+      {{EBADF}, {}, EOF, 1, 0, 0, "Fclose() fflush failed errno = 9\n"},
+      {{}, {ENOSPC}, EOF, 1, 1, 0, "Fclose() failed with errno = 28\n"},
+  };
+  for (const Row &row : rows) {
+    FILE *s = Fopen(tmp.at("out").c_str(), "w");
+    ASSERT_NE(s, nullptr);
+    fputs("kept", s);
+    streamScope = s;
+    script(FFLUSH, row.flush);
+    script(FCLOSE, row.close);
+    pauses().clear();
+    int r = 0;
+    EXPECT_EQ(stderrOf([&] { r = Fclose(s); }), row.report);
+    EXPECT_EQ(r, row.result);
+    EXPECT_EQ(scripts[FFLUSH].calls, row.flushes);
+    EXPECT_EQ(scripts[FCLOSE].calls, row.closes);
+    EXPECT_EQ(pauses().size(), row.naps);
+    if (row.closes == 0) fclose(s);  // left open by Fclose
+    EXPECT_TRUE(row.result != 0 || readFile(tmp.at("out")) == "kept");
+  }
+  EXPECT_EQ(stderrOf([] { EXPECT_EQ(Fclose(nullptr), -1); }), "Fclose() passed a NULL stream\n");
 }
 
-TEST_F(DbRetry, FcloseGivesUpFlushingAfterThreeRetriesAndReports) {
-  FILE *f = Fopen(tmp.at("out").c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  streamScope = f;
-  script(FFLUSH, {EIO, EIO, EIO, EIO});
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(Fclose(f), 0);  // the close itself still works
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Fclose() fflush failed errno = 5\n");
-  EXPECT_EQ(scripts[FFLUSH].calls, 4);
-  EXPECT_EQ(scripts[FCLOSE].calls, 1);
-}
-
-TEST_F(DbRetry, FcloseLeavesTheStreamOpenWhenTheFlushSaysBadDescriptor) {
-  FILE *f = Fopen(tmp.at("out").c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  streamScope = f;
-  script(FFLUSH, {EBADF});
-  ::testing::internal::CaptureStderr();
-  EXPECT_NE(Fclose(f), 0);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Fclose() fflush failed errno = 9\n");
-  EXPECT_EQ(scripts[FFLUSH].calls, 1);
-  EXPECT_EQ(scripts[FCLOSE].calls, 0);
-  EXPECT_TRUE(pauses().empty());
-  streamScope = nullptr;
-  fclose(f);  // still open: this test closes it
-}
-
-TEST_F(DbRetry, FcloseReportsAFailedCloseAndANullStream) {
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(Fclose(nullptr), -1);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Fclose() passed a NULL stream\n");
-  FILE *f = Fopen(tmp.at("out").c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  streamScope = f;
-  script(FCLOSE, {ENOSPC});
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(Fclose(f), EOF);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Fclose() failed with errno = 28\n");
-}
-
-TEST_F(DbRetry, ReadLineCrlfTurnsCrLfIntoLf) {
+TEST_F(DbRetry, ReadLineCrlfFoldsOnlyTheCrBeforeTheLineEnd) {
   writeFile(file, "abc\r\n\r\nabc\nx\r\r\ntail");
-  FILE *f = Fopen(file.c_str(), "r");
-  ASSERT_NE(f, nullptr);
+  FILE *s = Fopen(f, "r");
+  ASSERT_NE(s, nullptr);
   char line[64];
-  ASSERT_NE(readLineCrlf(line, sizeof line, f), nullptr);
-  EXPECT_STREQ(line, "abc\n");
-  ASSERT_NE(readLineCrlf(line, sizeof line, f), nullptr);
-  EXPECT_STREQ(line, "\n");
-  ASSERT_NE(readLineCrlf(line, sizeof line, f), nullptr);
-  EXPECT_STREQ(line, "abc\n");
-  ASSERT_NE(readLineCrlf(line, sizeof line, f), nullptr);
-  EXPECT_STREQ(line, "x\r\n");  // only the CR right before the LF is folded
-  ASSERT_NE(readLineCrlf(line, sizeof line, f), nullptr);
-  EXPECT_STREQ(line, "tail");
-  EXPECT_EQ(readLineCrlf(line, sizeof line, f), nullptr);
-  EXPECT_EQ(Fclose(f), 0);
+  std::string all;
+  while (readLineCrlf(line, sizeof line, s)) all += std::string(line) + "|";
+  EXPECT_EQ(all, "abc\n|\n|abc\n|x\r\n|tail|");
+  EXPECT_EQ(Fclose(s), 0);
 }
 
-TEST_F(DbRetry, CopyFileCopiesEveryByteOrFails) {
+TEST_F(DbRetry, CopyFileCopiesEveryByteOrFailsWithoutHarm) {
   std::string from = tmp.at("from"), to = tmp.at("to");
   std::string data("bin\0ary\r\n\xff", 10);
   writeFile(from, data);
