@@ -114,13 +114,25 @@ TEST(Evnew, SetsTheInitialValues) {
   evfree(it);
 }
 
-TEST(Evcopy, CopiesEveryFieldDeeplyButNotTypeLetterOrChainKey) {
+TEST(Evcopy, CopiesEveryFieldAndTheChainDeeplyButNotTypeLetterOrChainKey) {
   Item *src = fullItem("sales");
+  Item *plain = evnew();  // no database name: the copy has none either
+  plain->typeLetter = 'd';
+  chainAppend(src, fullItem("east"));
+  chainAppend(src, plain);
+  EXPECT_EQ(plain->chainKey, 0x1234u);
   Item *copy = evcopy(src);
   const std::string copied = describe(copy);
   EXPECT_EQ(copied, describe(src));
-  EXPECT_EQ(copy->typeLetter + copy->chainKey, 0u);
   EXPECT_EQ(copy->next, copy);  // not in any list
+  ASSERT_EQ(chainLength(copy), 2);
+  EXPECT_NE(copy->chain, src->chain);
+  EXPECT_EQ(describe(copy->chain), describe(src->chain));
+  EXPECT_EQ(describe(copy->chain->chain), describe(plain));
+  for (Item *c = copy; c != nullptr; c = c->chain) EXPECT_EQ(c->chainKey + c->typeLetter, 0u);
+  EXPECT_EQ(chainFind(copy, "east"), copy->chain);
+  EXPECT_EQ(chainFind(copy, "sales"), copy);
+  EXPECT_TRUE(chainFind(copy, "north") == nullptr && chainFind(copy, "") == nullptr);
 
   // Nothing is shared: changing every owned part of the source leaves the copy as it was.
   for (char *text :
@@ -131,32 +143,9 @@ TEST(Evcopy, CopiesEveryFieldDeeplyButNotTypeLetterOrChainKey) {
     setbit(set, 9, 1);
   src->listC[0].user = 99;
   EXPECT_EQ(describe(copy), copied);
-  evfree(src);
+  evfree(src);   // frees the chain with it
   evfree(copy);  // (the sanitizer build checks both release everything exactly once)
   EXPECT_EQ(evcopy(nullptr), nullptr);
-}
-
-TEST(Evcopy, CopiesTheChainWithZeroChainKeys) {
-  Item *src = fullItem("sales");
-  Item *plain = evnew();  // no database name: the copy has none either
-  plain->typeLetter = 'd';
-  chainAppend(src, fullItem("east"));
-  chainAppend(src, plain);
-  EXPECT_EQ(plain->chainKey, 0x1234u);
-  EXPECT_EQ(chainLength(src), 2);
-
-  Item *copy = evcopy(src);
-  ASSERT_EQ(chainLength(copy), 2);
-  EXPECT_NE(copy->chain, src->chain);
-  EXPECT_EQ(describe(copy->chain), describe(src->chain));
-  EXPECT_EQ(describe(copy->chain->chain), describe(plain));
-  for (Item *c = copy; c != nullptr; c = c->chain) EXPECT_EQ(c->chainKey + c->typeLetter, 0u);
-  EXPECT_EQ(chainFind(copy, "east"), copy->chain);
-  EXPECT_EQ(chainFind(copy, "sales"), copy);
-  EXPECT_EQ(chainFind(copy, "north"), nullptr);
-  EXPECT_EQ(chainFind(copy, ""), nullptr);
-  evfree(src);  // frees the chain with it
-  evfree(copy);
 }
 
 TEST(Evassign, ReplacesContentsAndKeepsPlaceKeyAndTypeLetter) {
