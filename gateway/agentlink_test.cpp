@@ -15,9 +15,8 @@
 namespace quorvel::gateway {
 namespace {
 
-using test::PauseRecorder;
+using namespace test;
 using webagent::AgentMode;
-using webagent::AgentScript;
 
 constexpr int QUICK = 5;  // select time-out where the peer answers at once
 
@@ -27,8 +26,8 @@ std::string word(uint32_t v) {
 }
 
 // A message by hand: the header words with the count given, then the body.
-std::string message(uint32_t count, const std::string &body, uint32_t magic = AGENT_MAGIC) {
-  return word(magic) + word(count) + word(static_cast<uint32_t>(12 + body.size())) + body;
+std::string message(uint32_t count, const std::string &body) {
+  return word(AGENT_MAGIC) + word(count) + word(static_cast<uint32_t>(12 + body.size())) + body;
 }
 
 std::string entry(const std::string &name, const std::string &contents, uint32_t len = 0) {
@@ -37,31 +36,17 @@ std::string entry(const std::string &name, const std::string &contents, uint32_t
   return word(AGENT_MAGIC) + word(len ? len : static_cast<uint32_t>(8 + bytes.size())) + bytes;
 }
 
-AgentScript scripted(AgentMode mode, std::vector<webagent::AgentPair> pairs = {}) {
-  AgentScript script;
-  script.mode = mode;
-  script.pairs = std::move(pairs);
-  return script;
-}
-
-// A sample agent answering each connection by the next queued script.
-struct LinkTest : ::testing::Test {
-  webagent::SampleAgent agent;
+struct LinkTest : AgentFixture {
   NamePair *pairs = nullptr;
   int count = -1;
-  void start(std::vector<AgentScript> scripts, int receiveBuffer = 0) {
-    agent.receiveBuffer = receiveBuffer;
-    for (const AgentScript &s : scripts) webagent::agentPush(&agent, s);
-    ASSERT_EQ(webagent::agentStart(&agent, 0), 0);
-  }
   void TearDown() override {
     freePairList(pairs);
-    webagent::agentStop(&agent);
+    AgentFixture::TearDown();
   }
   // Connects, sends query, and reads the reply into pairs and count.
   int exchange(const std::string &query, int timeout = QUICK, int wait = 1) {
     freePairList(pairs);
-    int sock = makeConnection("127.0.0.1", webagent::agentOffset(&agent));
+    int sock = makeConnection("127.0.0.1", offset());
     EXPECT_GE(sock, 0);
     NamePair *request = newPairList(2);
     request[0] = {strdup(""), strdup(query.c_str())};
@@ -104,10 +89,10 @@ TEST(WebSockWrite, SendsTheHeaderAndPaddedEntriesAndRefusesBadLists) {
 }
 
 TEST_F(LinkTest, ExchangesAQueryForTheRepliedPairs) {
-  AgentScript drip = scripted(AgentMode::Drip, {{"tmp/one.txt", "one"},
+  webagent::AgentScript drip = scripted(AgentMode::Drip, {{"tmp/one.txt", "one"},
                                                  {"", std::string(3000, 'd')}, {"two", "2"}});
   drip.dripBytes = 5;  // the 12-byte header arrives split too
-  start({AgentScript{}, drip});
+  start({webagent::AgentScript{}, drip});
   ASSERT_EQ(exchange("hn=127.0.0.1&log=x"), 0);
   ASSERT_EQ(count, 2);
   EXPECT_STREQ(pairs[0].name, "tmp/demo-picture.svg");
@@ -127,7 +112,7 @@ TEST_F(LinkTest, ExchangesAQueryForTheRepliedPairs) {
 TEST_F(LinkTest, EnforcesTheReceiptLimits) {
   // 12 header + 8 entry words + 4 for the empty name + contents padded: 0x100000 in all.
   std::string mebibyte(1048551, 'p');
-  AgentScript negative = scripted(AgentMode::Raw);
+  webagent::AgentScript negative = scripted(AgentMode::Raw);
   negative.raw = word(AGENT_MAGIC) + word(1) + word(0x80000000u) + entry("", "x");
   start({scripted(AgentMode::Pairs, {{"", mebibyte}}), scripted(AgentMode::Oversize),
          scripted(AgentMode::BadMagic), scripted(AgentMode::ExtraBytes, {{"", "page"}}),
@@ -195,8 +180,9 @@ TEST_F(LinkTest, GivesUpAfterThe101stEmptyReadPausingAtEveryTenth) {
 }
 
 TEST_F(LinkTest, EndsASendAfterTenStallsWithoutAnError) {
-  start({scripted(AgentMode::NoRead)}, 4096);
-  int sock = makeConnection("127.0.0.1", webagent::agentOffset(&agent));
+  agent.receiveBuffer = 4096;
+  start({scripted(AgentMode::NoRead)});
+  int sock = makeConnection("127.0.0.1", offset());
   ASSERT_GE(sock, 0);
   int small = 4096;
   setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
@@ -212,9 +198,8 @@ TEST_F(LinkTest, EndsASendAfterTenStallsWithoutAnError) {
 }
 
 TEST_F(LinkTest, ConnectsNonBlockingToTheOffsetFrom3726TakenIn16Bits) {
-  start({AgentScript{}});
-  int offset = webagent::agentOffset(&agent);
-  for (int port : {offset, offset + 65536, offset - 65536}) {
+  start();
+  for (int port : {offset(), offset() + 65536, offset() - 65536}) {
     int sock = makeConnection("127.0.0.1", port);
     ASSERT_GE(sock, 0) << port;
     EXPECT_TRUE(fcntl(sock, F_GETFL) & O_NONBLOCK);
@@ -224,14 +209,14 @@ TEST_F(LinkTest, ConnectsNonBlockingToTheOffsetFrom3726TakenIn16Bits) {
     EXPECT_EQ(ntohs(peer.sin_port), agent.port);
     closeSocket(sock);
   }
-  int sock = makeConnection("localhost", offset);  // a name goes through the lookup
+  int sock = makeConnection("localhost", offset());  // a name goes through the lookup
   EXPECT_GE(sock, 0);
   closeSocket(sock);
 }
 
 TEST(MakeConnection, FailsAtOnceWhenRefusedOrUnknownAndCloseRetriesThrice) {
   PauseRecorder pauses;
-  EXPECT_EQ(makeConnection("127.0.0.1", test::freeLoopbackPort() - AGENT_PORT_BASE), -1);
+  EXPECT_EQ(makeConnection("127.0.0.1", freeLoopbackPort() - AGENT_PORT_BASE), -1);
   EXPECT_EQ(errno, ECONNREFUSED);
   EXPECT_EQ(makeConnection("no-such-agent.invalid", 0), -1);
   EXPECT_EQ(makeConnection(nullptr, 0), -1);

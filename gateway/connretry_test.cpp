@@ -5,13 +5,11 @@
 #include "gateway/agentlink.h"
 #include "gateway/gateway.h"
 #include "gateway/test_support.h"
-#include "testing/agent.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <string>
 #include <sys/socket.h>
 
@@ -46,23 +44,18 @@ extern "C" int __wrap_setsockopt(int fd, int level, int name, const void *value,
 namespace quorvel::gateway {
 namespace {
 
-using test::PauseRecorder;
-using test::StdoutCapture;
+using namespace test;
 
-struct ConnRetry : ::testing::Test {
-  webagent::SampleAgent agent;
+struct ConnRetry : AgentFixture {
   void SetUp() override {
-    connectFailures = connectCalls = setsockoptFailures = 0;
+    connectFailures = setsockoptFailures = 0;
     resetGateway();
-    ASSERT_EQ(webagent::agentStart(&agent, 0), 0);
+    start();
   }
   void TearDown() override {
-    connectFailures = setsockoptFailures = 0;
-    webagent::agentStop(&agent);
     resetGateway();
-    unsetenv("QUERY_STRING");
+    AgentFixture::TearDown();
   }
-  int offset() { return webagent::agentOffset(&agent); }
 };
 
 TEST_F(ConnRetry, RetriesEagainAndTimeOutsTwentyTimesOneSecondApart) {
@@ -94,24 +87,7 @@ TEST_F(ConnRetry, AFailedSocketOptionShowsMessageZeroAndGoesOn) {
   std::string page = out.take();
   EXPECT_GE(sock, 0);
   closeSocket(sock);
-  EXPECT_EQ(page, test::errorPageText(test::GERMAN_HEADING, "makeConnection: setsockopt: 22"));
-}
-
-TEST_F(ConnRetry, TheCycleShowsMessageTwoAfterTheLastAttempt) {
-  connectFailures = 1000;
-  connectErrno = ETIMEDOUT;
-  std::string query = "hn=127.0.0.1:" + std::to_string(offset()) + "&lan=De";
-  setenv("QUERY_STRING", query.c_str(), 1);
-  PauseRecorder pauses;
-  StdoutCapture out;
-  char prog[] = "webquorvel";
-  char *argv[] = {prog, nullptr};
-  EXPECT_EQ(runRequest(1, argv), 255);
-  EXPECT_EQ(out.take(), test::errorPageText(test::GERMAN_HEADING,
-                                            "Verbindung mit Quorvel-Webagent auf Host 127.0.0.1 "
-                                            "nicht m\xF6glich"));
-  EXPECT_EQ(pauses.count(), 21u);
-  EXPECT_TRUE(webagent::agentRequests(&agent).empty());
+  EXPECT_EQ(page, errorPageText(GERMAN_HEADING, "makeConnection: setsockopt: 22"));
 }
 
 }  // namespace

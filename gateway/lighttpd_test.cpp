@@ -3,7 +3,6 @@
 // scripts/webroot.sh), beside ROOT/htdocs/ with tmp/, against the sample web agent on
 // 127.0.0.1. Requests go over HTTP through a small socket client.
 #include "gateway/test_support.h"
-#include "testing/agent.h"
 
 #include <gtest/gtest.h>
 
@@ -17,9 +16,10 @@
 namespace quorvel::gateway {
 namespace {
 
+const char PAGE[] = "Content-type: text/html\n\n<html><body>Week 47</body></html>\n";
+
 using namespace test;
 using webagent::AgentMode;
-using webagent::AgentScript;
 
 int connectLoopback(int port) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -56,11 +56,10 @@ std::string bodyOf(const std::string &raw, const char *blankLine = "\r\n\r\n") {
 }
 
 // A temporary web root served by lighttpd, and a sample agent beside it.
-struct GatewayUnderLighttpd : ::testing::Test {
+struct GatewayUnderLighttpd : AgentFixture {
   std::string root;
   int httpPort = -1;
   pid_t server = -1;
-  webagent::SampleAgent agent;
 
   void SetUp() override {
     if (std::system("command -v lighttpd >/dev/null 2>&1") != 0)
@@ -69,11 +68,12 @@ struct GatewayUnderLighttpd : ::testing::Test {
     ASSERT_NE(mkdtemp(pattern), nullptr);
     root = pattern;
     ASSERT_TRUE(startServer()) << readFile(root + "/log/error.log");
-    ASSERT_EQ(webagent::agentStart(&agent, 0), 0);
+    start({scripted(AgentMode::Pairs, {{"tmp/week.html", "<p>week</p>\n"},
+                                       {"day.txt", "Monday\n"}, {"", PAGE}})});
   }
   void TearDown() override {
     stopServer();
-    webagent::agentStop(&agent);
+    AgentFixture::TearDown();
     if (!root.empty() && std::system(("rm -rf '" + root + "'").c_str()) != 0) perror("rm");
   }
   void stopServer() {
@@ -109,20 +109,11 @@ struct GatewayUnderLighttpd : ::testing::Test {
   std::string get(const std::string &query) {
     return http(httpPort, "GET", "/cgi-bin/webquorvel?" + query);
   }
-  std::string agentField() {
-    return "dn=127.0.0.1:" + std::to_string(webagent::agentOffset(&agent));
-  }
 };
-
-const char PAGE[] = "Content-type: text/html\n\n<html><body>Week 47</body></html>\n";
 
 TEST_F(GatewayUnderLighttpd, DeliversThePageAndServesTheFilesItPlaced) {
   writeFile(root + "/htdocs/tmp/stale.html", "old request\n");
-  AgentScript script;
-  script.mode = AgentMode::Pairs;
-  script.pairs = {{"tmp/week.html", "<p>week</p>\n"}, {"day.txt", "Monday\n"}, {"", PAGE}};
-  webagent::agentPush(&agent, script);
-  std::string query = agentField() + "&lan=En_US&log=x";
+  std::string query = hostField("dn") + "&lan=En_US&log=x";
   std::string reply = get(query);
   EXPECT_EQ(reply.rfind("HTTP/1.0 200", 0), 0u) << reply;
   EXPECT_NE(reply.find("Content-type: text/html"), std::string::npos) << reply;
@@ -132,9 +123,9 @@ TEST_F(GatewayUnderLighttpd, DeliversThePageAndServesTheFilesItPlaced) {
   EXPECT_EQ(readFile(root + "/htdocs/day.txt"), "Monday\n");
   EXPECT_FALSE(exists(root + "/htdocs/tmp/stale.html"));
   // A POST without a query in the URL: the body's line is the query, its line end cut.
-  EXPECT_EQ(bodyOf(http(httpPort, "POST", "/cgi-bin/webquorvel", agentField() + "\n")),
+  EXPECT_EQ(bodyOf(http(httpPort, "POST", "/cgi-bin/webquorvel", hostField("dn") + "\n")),
             "<html><body>Week 47</body></html>\n");
-  EXPECT_EQ(webagent::agentRequests(&agent), (std::vector<std::string>{query, agentField()}));
+  EXPECT_EQ(webagent::agentRequests(&agent), (std::vector<std::string>{query, hostField("dn")}));
 }
 
 TEST_F(GatewayUnderLighttpd, ShowsTheErrorPageInEnglishOrGerman) {

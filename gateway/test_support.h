@@ -1,9 +1,11 @@
 // test_support.h -- helpers shared by the gateway's tests: a recording pause hook, a
 // temporary CGI tree (cgi-bin/ beside htdocs/tmp/), standard-output capture, files, a
-// free loopback port, and the error page as the gateway prints it. Test code only.
+// free loopback port, a scripted sample agent, and the error page as the gateway prints
+// it. Test code only.
 #pragma once
 
 #include "core/base/base.h"
+#include "testing/agent.h"
 
 #include <gtest/gtest.h>
 
@@ -20,21 +22,16 @@
 
 namespace quorvel::gateway::test {
 
-// Installs a pause hook that records the seconds asked for, for the life of the object.
+// Installs a pause hook that counts the pauses and the seconds asked for, for the life
+// of the object.
 struct PauseRecorder {
-  static std::vector<unsigned> &seen() {
-    static std::vector<unsigned> pauses;
-    return pauses;
-  }
-  PauseHook old;
-  PauseRecorder() : old(setPauseHook([](unsigned s) { seen().push_back(s); })) { seen().clear(); }
+  static inline size_t pauses;
+  static inline unsigned seconds;
+  PauseHook old = setPauseHook([](unsigned s) { pauses++, seconds += s; });
+  PauseRecorder() { pauses = seconds = 0; }
   ~PauseRecorder() { setPauseHook(old); }
-  size_t count() const { return seen().size(); }
-  unsigned total() const {
-    unsigned sum = 0;
-    for (unsigned s : seen()) sum += s;
-    return sum;
-  }
+  size_t count() const { return pauses; }
+  unsigned total() const { return seconds; }
 };
 
 inline std::string readFile(const std::string &path) {
@@ -64,6 +61,29 @@ inline int freeLoopbackPort() {
   getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &len);
   close(fd);
   return ntohs(sa.sin_port);
+}
+
+// A sample agent on loopback answering each connection by the next queued script (the
+// last one repeats); stopped with the test.
+struct AgentFixture : ::testing::Test {
+  webagent::SampleAgent agent;
+  void start(std::vector<webagent::AgentScript> scripts = {webagent::AgentScript{}}) {
+    for (const webagent::AgentScript &s : scripts) webagent::agentPush(&agent, s);
+    ASSERT_EQ(webagent::agentStart(&agent, 0), 0);
+  }
+  void TearDown() override { webagent::agentStop(&agent); }
+  int offset() const { return webagent::agentOffset(&agent); }
+  std::string hostField(const char *key = "hn") const {
+    return std::string(key) + "=127.0.0.1:" + std::to_string(offset());
+  }
+};
+
+inline webagent::AgentScript scripted(webagent::AgentMode mode,
+                                      std::vector<webagent::AgentPair> pairs = {}) {
+  webagent::AgentScript script;
+  script.mode = mode;
+  script.pairs = std::move(pairs);
+  return script;
 }
 
 // A temporary root holding cgi-bin/ and htdocs/tmp/. With enter = true the working
