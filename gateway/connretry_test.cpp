@@ -82,9 +82,8 @@ TEST_F(ConnRetry, RetriesEagainAndTimeOutsTwentyTimesOneSecondApart) {
 TEST_F(ConnRetry, AFailedSocketOptionShowsMessageZeroAndGoesOn) {
   setsockoptFailures = 1;
   setPageValues(nullptr, nullptr, "De");
-  StdoutCapture out;
-  int sock = makeConnection("127.0.0.1", offset());
-  std::string page = out.take();
+  int sock = -1;
+  std::string page = stdoutOf([&] { sock = makeConnection("127.0.0.1", offset()); });
   EXPECT_GE(sock, 0);
   closeSocket(sock);
   EXPECT_EQ(page, errorPageText(GERMAN_HEADING, "makeConnection: setsockopt: 22"));

@@ -109,29 +109,13 @@ struct CgiTree {
   std::string cgiBin() const { return root + "/cgi-bin"; }
 };
 
-// Sends file descriptor 1 to a scratch file until take() returns what was written.
-struct StdoutCapture {
-  int saved = -1;
-  FILE *scratch = tmpfile();
-  StdoutCapture() {
-    fflush(stdout);
-    saved = dup(1);
-    dup2(fileno(scratch), 1);
-  }
-  std::string take() {
-    if (saved < 0) return "";
-    dup2(saved, 1);
-    close(saved);
-    saved = -1;
-    std::string out;
-    rewind(scratch);
-    char chunk[4096];
-    for (size_t n; (n = fread(chunk, 1, sizeof chunk, scratch)) > 0;) out.append(chunk, n);
-    fclose(scratch);
-    return out;
-  }
-  ~StdoutCapture() { take(); }
-};
+// Everything written to file descriptor 1 while f runs.
+template <typename F> std::string stdoutOf(F f) {
+  fflush(stdout);
+  ::testing::internal::CaptureStdout();
+  f();
+  return ::testing::internal::GetCapturedStdout();
+}
 
 // The whole error page: heading and message as shown, the icon root ("/icons" when the
 // query gave none) and, when both are given, the login button.
