@@ -162,6 +162,8 @@ TEST_F(BufTest, ReadBufRefusesFieldsThatDoNotFitOrBreakTheGranularity) {
     size_t usedAfter;
   } rows[] = {
       {"last untagged word", {0, 0, 0, 1, 0, 0, 0, 2}, 4, 4, 4, 0, -1, overflow, 8},
+      {"untagged word, 2 bytes behind it", {0, 0, 0, 1, 0, 0, 0, 2, 0, 0}, 4, 4, 4, 0, -1, overflow,
+       8},
       {"untagged word, 4 bytes behind it", {0, 0, 0, 1, 0, 0, 0, 2}, 0, 4, 4, 0, 0, "", 4},
       {"tag claims more than the storage", {0x54, 0, 0, 100, 0, 0, 0, 0}, 0, 200, 1, 1, -1,
        overflow, 4},

@@ -178,10 +178,14 @@ TEST_F(CalSetTest, ReadnetcharsSkipsUnknownNamesAndRefusesOversize) {
   std::vector<char> zero(4, 0);
   EXPECT_EQ(readnetchars(zero.data(), zero.size(), &other), 4);
   EXPECT_EQ(other, nullptr);
-  // Every backquote before the closing NUL opens a name and is overwritten.
-  char text[] = "\0\0\0\x0d`bob`cy`";
-  EXPECT_EQ(readnetchars(text, sizeof text, &other), 13);
-  EXPECT_EQ(std::string(text + 4, 9), std::string("\0bob\0cy\0\0", 9));
+  // Every backquote that is not the field's last byte opens a name and is overwritten.
+  for (int total : {13, 12}) {
+    char text[] = "\0\0\0\x0d`bob`cy`";
+    text[3] = char(total);
+    EXPECT_EQ(readnetchars(text, size_t(total), &other), total);
+    EXPECT_EQ(std::string(text + 4, 9),
+              std::string(total == 13 ? "\0bob\0cy\0\0" : "\0bob\0cy`\0", 9));
+  }
 }
 
 TEST_F(CalSetTest, BitsEncodingRoundTripsUpTo2032Bits) {
@@ -206,6 +210,7 @@ TEST_F(CalSetTest, BitsEncodingRoundTripsUpTo2032Bits) {
   EXPECT_EQ(readnetbits(in, sizeof in, &other), 4);
   EXPECT_EQ(members(other), (std::vector<int>{0, 1, 2, 3, 4}));
   EXPECT_EQ(setBitCount(other), 5);
+  EXPECT_EQ(setMembers(other), 5);
 }
 
 TEST_F(CalSetTest, BitsEncodingRefusesOversizeAndSendsEmptySetsAsZero) {
