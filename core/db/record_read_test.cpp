@@ -25,6 +25,7 @@ class RecordRead : public ::testing::Test {
   }
   void TearDown() override {
     resetNameLookup();
+    resetDbContexts();
     setRecordDebug(0);
   }
   RecordFile *readBack(const std::string &path) {

@@ -19,7 +19,10 @@ class RecordWrite : public ::testing::Test {
     resetDbTestState();
     names.install();
   }
-  void TearDown() override { resetNameLookup(); }
+  void TearDown() override {
+    resetNameLookup();
+    resetDbContexts();
+  }
 };
 
 std::string setLine(char tag, const uint16_t *set, int *rc = nullptr) {

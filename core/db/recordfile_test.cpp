@@ -35,6 +35,7 @@ class RecordRewrite : public ::testing::Test {
   void TearDown() override {
     freeRecordFile(rf);
     resetNameLookup();
+    resetDbContexts();
   }
   // Items numbered from..to-1 with titles of the given length.
   void fill(int from, int to, size_t titleLength) {
@@ -226,7 +227,10 @@ class RecordCacheTest : public ::testing::Test {
     setMainDb(db);
     setCurrentDb(db);
   }
-  void TearDown() override { resetNameLookup(); }
+  void TearDown() override {
+    resetNameLookup();
+    resetDbContexts();
+  }
 };
 
 TEST_F(RecordCacheTest, ReadsOnceAndAgainWhenTheFileMoves) {
