@@ -21,24 +21,18 @@ class IdentityTest : public PeopleTest {
 }  // namespace
 
 TEST_F(IdentityTest, SettersIgnoreNegativesAndKeepTheThirdApart) {
-  EXPECT_EQ(calendarInView(), -1);
   setOwnCalendar(1);
   setViewedCalendar(-3);
   EXPECT_EQ(calendarInView(), 1);  // nothing viewed: the own calendar
-  EXPECT_TRUE(isOwnCalendar(1));
-  EXPECT_STREQ(ownCalendarName(), "bob");
   setViewedCalendar(2);
-  EXPECT_EQ(calendarInView(), 2);
-  EXPECT_STREQ(viewedCalendarName(), "carl");
   setOwnCalendar(-1);
-  EXPECT_EQ(ownCalendar(), 1);
-  // The third is none when negative, the viewed or the own calendar.
-  for (int refused : {2, 1, -1}) {
+  EXPECT_EQ(calendarInView(), 2);
+  EXPECT_TRUE(isOwnCalendar(1) && !isOwnCalendar(2));
+  for (int refused : {2, 1, -1}) {  // the third is never the viewed, the own or negative
     setThirdCalendar(0);
-    EXPECT_STREQ(thirdCalendarName(), "anna");
+    EXPECT_EQ(held(), "1:bob 2:carl 0:anna");
     setThirdCalendar(refused);
-    EXPECT_EQ(thirdCalendar(), -1);
-    EXPECT_EQ(thirdCalendarName(), nullptr);
+    EXPECT_EQ(held(), "1:bob 2:carl -1:-");
   }
 }
 
@@ -48,15 +42,14 @@ TEST_F(IdentityTest, HeldCalendarsFollowTheirNamesIntoARebuiltTable) {
   setThirdCalendar(2);
   main->kind = DB_KIND_LOCAL;  // even when the change is not carried further
   readMain("carl,ck\nzed,zz\nanna,ak\n", 2000);
-  EXPECT_EQ(thirdCalendar(), 0);
-  EXPECT_EQ(viewedCalendar(), 1);  // bob is gone: the old index stays
-  EXPECT_EQ(ownCalendar(), -1);    // the read settled the own name as "Nobody"
+  // bob is gone: his old index stays. The first read settled the own name as "Nobody".
+  EXPECT_EQ(held(), "-1:Nobody 1:bob 0:carl");
   setOwnCalendar(2);
   UserList *l = newUserList();
   addUserEntry(l, "anna", "", "", "", 0);
   rebuildNameTable(main, l);
   reresolveCalendars();
-  EXPECT_EQ(ownCalendar(), 0);
+  EXPECT_EQ(held(), "0:anna 1:bob 0:carl");
   freeUserList(l);
 }
 
@@ -80,12 +73,12 @@ TEST_F(IdentityTest, ActingForAndTitlesSayWhoseCalendarIsShown) {
   setViewedCalendar(0);
   EXPECT_EQ(isActingFor(0), 0);  // own and viewed, main acting as itself
   setActingDb(acting);
-  EXPECT_EQ(isActingFor(0), 1);  // own, but acting through another context
-  EXPECT_EQ(calendarTitle(0), "Agent for Anna K");
+  EXPECT_EQ(calendarTitle(0), "Agent for Anna K");  // acting through another context
   acting->kind = DB_KIND_PROXY;
   EXPECT_EQ(calendarTitle(0), "Proxy for Anna K");
   EXPECT_EQ(calendarTitle(9), "Calendar for (null)");
   setViewingDb(acting);
+  setActingDb(main);
   EXPECT_EQ(isActingFor(0), 0);  // main is not the viewing context
   EXPECT_EQ(calendarTitle(0), "Calendar for Anna K");
 }

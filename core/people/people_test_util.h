@@ -80,6 +80,13 @@ class PeopleTest : public ::testing::Test {
     struct timeval tv[2] = {{mtime, 0}, {mtime, 0}};
     ASSERT_EQ(utimes(path.c_str(), tv), 0);
   }
+  // The held calendars as "own viewed third", each index:name ("-" without a name).
+  static std::string held() {
+    auto one = [](int i, const char *n) { return std::to_string(i) + ":" + (n ? n : "-"); };
+    return one(ownCalendar(), ownCalendarName()) + " " +
+           one(viewedCalendar(), viewedCalendarName()) + " " +
+           one(thirdCalendar(), thirdCalendarName());
+  }
   // Writes "db/users" and reads it into the main context; returns the read's result.
   int readMain(const std::string &text, time_t mtime) {
     writeAt("db/users", text, mtime);

@@ -20,7 +20,7 @@ void quietLoss(const char *) {}
 class RemoteUsersTest : public PeopleTest {
  protected:
   CalServer server;
-  DbHandle *remote = nullptr;  // a server-attached context
+  DbHandle *remote = nullptr;  // a server-attached context, server value 4
 
   void SetUp() override {
     PeopleTest::SetUp();
@@ -29,7 +29,7 @@ class RemoteUsersTest : public PeopleTest {
     effects.clear();
     setUserChangeHook(recordEffect);
     ASSERT_EQ(startCalServer(&server), 0);
-    remote = attach(makeContext("srv", DB_KIND_NONE), 4);
+    remote = attach("srv", 4);
   }
   void TearDown() override {
     for (DbHandle *db : others) freeServerLink(db->server), db->server = nullptr;
@@ -37,15 +37,17 @@ class RemoteUsersTest : public PeopleTest {
     resetLink();
     PeopleTest::TearDown();
   }
-  DbHandle *attach(DbHandle *db, int32_t value) {
+  DbHandle *attach(const char *node, int32_t value) {
+    DbHandle *db = makeContext(node, DB_KIND_NONE);
     db->server = newServerLink(calAddress(&server).c_str());
     db->server->waitMs = 3000;
     db->server->serverValue = value;
     return db;
   }
-  // A RemGetUsers answer: a field of `kind`, then the number.
-  void answer(int kind, int32_t value) {
+  // Scripts a RemGetUsers answer (a field of `kind`, then the number) and refreshes.
+  int ask(DbHandle *ctx, const char *name, int kind, int32_t value) {
     calScript(&server, {calReply({calBytes(kind, "users"), calNumber(value)})});
+    return name ? refreshRemoteUsers(ctx, &changed, name) : readUsersFile(ctx, &changed);
   }
 };
 
@@ -55,10 +57,8 @@ TEST_F(RemoteUsersTest, ReadingAServerContextAsksTheServerInsteadOfTheFile) {
   writeAt("db/remoteUsers/srv", "never,read\n", 100);
   setViewedCalendar(3);  // the result is the calendar in view, not the own one
   remote->changed = true;
-  answer(2, 9);
-  EXPECT_EQ(readUsersFile(remote, &changed), 3);
-  EXPECT_EQ(changed, 1);
-  EXPECT_TRUE(remote->changed);
+  EXPECT_EQ(ask(remote, nullptr, 2, 9), 3);
+  EXPECT_TRUE(changed == 1 && remote->changed);
   EXPECT_EQ(remote->server->serverValue, 9);
   EXPECT_EQ(remote->users, nullptr);  // the file was not read
   EXPECT_EQ(effects, std::vector<DbHandle *>{remote});
@@ -67,17 +67,13 @@ TEST_F(RemoteUsersTest, ReadingAServerContextAsksTheServerInsteadOfTheFile) {
   ASSERT_EQ(got.fields.size(), 2u);
   EXPECT_EQ(calFieldNumber(got.fields[0]), 4);  // the server value first
   EXPECT_TRUE(got.fields[1].payload.empty());   // no calendar name
-  answer(2, 9);  // the same value again: no change, the mark is cleared
-  readUsersFile(remote, &changed);
-  EXPECT_EQ(changed, 0);
-  EXPECT_FALSE(remote->changed);
-  answer(8, 77);  // a kind-8 answer never marks a change
-  readUsersFile(remote, &changed);
-  EXPECT_EQ(changed, 0);
-  EXPECT_EQ(remote->server->serverValue, 9);
+  ask(remote, nullptr, 2, 9);  // the same value again: no change, the mark is cleared
+  EXPECT_TRUE(changed == 0 && !remote->changed);
+  remote->changed = true;
+  ask(remote, nullptr, 8, 77);  // a kind-8 answer never marks a change
+  EXPECT_TRUE(changed == 0 && !remote->changed && remote->server->serverValue == 9);
   main->kind = DB_KIND_LOCAL;  // a main context of kind 1 carries no change
-  answer(2, 5);
-  readUsersFile(remote, &changed);
+  ask(remote, nullptr, 2, 5);
   EXPECT_EQ(changed, 1);
   EXPECT_EQ(effects.size(), 1u);
 }
@@ -85,20 +81,15 @@ TEST_F(RemoteUsersTest, ReadingAServerContextAsksTheServerInsteadOfTheFile) {
 TEST_F(RemoteUsersTest, RefreshNamesACalendarWhoseOwnConnectionTakesTheAnswer) {
   EXPECT_EQ(refreshRemoteUsers(makeContext("plain", DB_KIND_NONE), &changed, nullptr), -1);
   EXPECT_EQ(changed, 0);
-  DbHandle *anna = attach(makeContext("anna", DB_KIND_NONE), 3);
-  answer(2, 8);
-  EXPECT_EQ(refreshRemoteUsers(remote, &changed, "anna"), 0);
-  EXPECT_EQ(changed, 1);
-  EXPECT_TRUE(anna->changed);
+  DbHandle *anna = attach("anna", 3);
+  EXPECT_EQ(ask(remote, "anna", 2, 8), 0);
+  EXPECT_TRUE(changed == 1 && anna->changed);
   EXPECT_EQ(anna->server->serverValue, 8);
   EXPECT_EQ(remote->server->serverValue, 4);  // the asking link keeps its own value
   EXPECT_EQ(calFieldText(calRequests(&server).back().fields[1]), "anna");
-  answer(2, 8);  // an equal answer clears the named context's mark
-  EXPECT_EQ(refreshRemoteUsers(remote, &changed, "anna"), 0);
-  EXPECT_EQ(changed, 0);
-  EXPECT_FALSE(anna->changed);
-  answer(2, 6);  // a name without a context: the answer lands on the asking link
-  EXPECT_EQ(refreshRemoteUsers(remote, &changed, "stranger"), 0);
+  EXPECT_EQ(ask(remote, "anna", 2, 8), 0);  // an equal answer clears anna's mark
+  EXPECT_TRUE(changed == 0 && !anna->changed);
+  ask(remote, "stranger", 2, 6);  // a name without a context: the asking link answers
   EXPECT_EQ(remote->server->serverValue, 6);
   EXPECT_EQ(effects, (std::vector<DbHandle *>{anna, remote}));
 }
