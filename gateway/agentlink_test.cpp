@@ -154,22 +154,18 @@ TEST(DecodeAgentMessage, RefusesEntriesThatBreakTheLimitsOrDoNotFit) {
   freePairList(pairs);
 }
 
-TEST_F(LinkTest, GivesUpOnSilenceAfter21EagainRoundsOrAtOnceWithoutWaiting) {
-  start({scripted(AgentMode::Silent)});
+TEST_F(LinkTest, GivesUpOnSilenceAfter21EagainRoundsAndOnAClosedPeerAfter101EmptyReads) {
+  start({scripted(AgentMode::Silent), scripted(AgentMode::Silent),
+         scripted(AgentMode::CloseEarly)});
   PauseRecorder pauses;
-  EXPECT_EQ(exchange("q", 0, 0), -1);
+  EXPECT_EQ(exchange("q", 0, 0), -1);  // not waiting for the first bytes: at once
   EXPECT_EQ(pauses.count(), 0u);
   EXPECT_EQ(exchange("q", 0), -1);
   // Each round is a select wait and a one-second pause; the 21st round ends it.
   EXPECT_EQ(pauses.count(), 21u);
   EXPECT_EQ(pauses.total(), 21u);
-}
-
-TEST_F(LinkTest, GivesUpAfterThe101stEmptyReadPausingAtEveryTenth) {
-  start({scripted(AgentMode::CloseEarly)});
-  PauseRecorder pauses;
   EXPECT_EQ(exchange("q"), -1);  // waits until the agent has closed; empty reads follow
-  EXPECT_EQ(pauses.count(), 10u);  // at reads 10, 20, ... 100
+  EXPECT_EQ(pauses.count(), 31u);  // a pause at reads 10, 20, ... 100
 }
 
 TEST_F(LinkTest, EndsASendAfterTenStallsWithoutAnError) {
@@ -190,9 +186,9 @@ TEST_F(LinkTest, EndsASendAfterTenStallsWithoutAnError) {
   closeSocket(sock);
 }
 
-TEST_F(LinkTest, ConnectsNonBlockingToTheOffsetFrom3726TakenIn16Bits) {
+TEST_F(LinkTest, ConnectsNonBlockingToTheOffsetFrom3726OrFailsAtOnce) {
   start();
-  for (int port : {offset(), offset() + 65536, offset() - 65536}) {
+  for (int port : {offset(), offset() + 65536, offset() - 65536}) {  // a 16-bit sum
     int sock = makeConnection("127.0.0.1", port);
     ASSERT_GE(sock, 0) << port;
     EXPECT_TRUE(fcntl(sock, F_GETFL) & O_NONBLOCK);
@@ -205,20 +201,21 @@ TEST_F(LinkTest, ConnectsNonBlockingToTheOffsetFrom3726TakenIn16Bits) {
   int sock = makeConnection("localhost", offset());  // a name goes through the lookup
   EXPECT_GE(sock, 0);
   closeSocket(sock);
-}
-
-TEST(MakeConnection, FailsAtOnceWhenRefusedOrUnknownAndCloseRetriesThrice) {
   PauseRecorder pauses;
   EXPECT_EQ(makeConnection("127.0.0.1", freeLoopbackPort() - AGENT_PORT_BASE), -1);
   EXPECT_EQ(errno, ECONNREFUSED);
   EXPECT_EQ(makeConnection("no-such-agent.invalid", 0), -1);
   EXPECT_EQ(makeConnection(nullptr, 0), -1);
-  closeSocket(-1);
   EXPECT_EQ(pauses.count(), 0u);
+}
+
+TEST(CloseSocket, RetriesAFailingCloseThreeTimesASecondApart) {
+  PauseRecorder pauses;
+  closeSocket(-1);
   int fd = dup(2);
   closeSocket(fd);
   EXPECT_EQ(pauses.count(), 0u);
-  closeSocket(fd);  // already closed: three retries a second apart, then it gives up
+  closeSocket(fd);  // already closed: three retries, then it gives up
   EXPECT_EQ(pauses.count(), 3u);
   ::testing::internal::CaptureStderr();
   EXPECT_EQ(setNonBlocking(-1, true), -1);
