@@ -630,7 +630,7 @@ int GetConnection(ServerLink *link, char *message, size_t cap) {
     if (r != 0) return handshakeFailed(link, r, message, cap);
     int code = reply.fields[0].number;
     if (code == REPLY_BUSY) {
-      if (noWait || budget == 0) return handshakeFailed(link, LINK_GENERAL, message, cap);
+      if (budget == 0) return handshakeFailed(link, LINK_GENERAL, message, cap);  // no-wait: 0
       budget--;
       pauseSeconds(10);
       continue;
