@@ -33,7 +33,8 @@ static constexpr long HEADER_BYTES = 12;
 
 NamePair *newPairList(int n) {
   if (n < 1) n = 1;
-  auto *pairs = static_cast<NamePair *>(allocMem(nullptr, sizeof(NamePair) * static_cast<size_t>(n)));
+  size_t bytes = sizeof(NamePair) * static_cast<size_t>(n);
+  auto *pairs = static_cast<NamePair *>(allocMem(nullptr, bytes));
   if (!pairs) outOfMem("newPairList");
   for (int i = 0; i < n; i++) pairs[i] = NamePair{nullptr, nullptr};
   return pairs;

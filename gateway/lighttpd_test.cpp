@@ -21,7 +21,8 @@ using webagent::AgentMode;
 // One HTTP request through curl: the status line, the headers and the body as received.
 // With a body it is a POST of that body.
 std::string http(int port, const std::string &target, const char *body = nullptr) {
-  std::string cmd = "curl -s -i --max-time 20 'http://127.0.0.1:" + std::to_string(port) + target + "'";
+  std::string cmd = "curl -s -i --max-time 20 'http://127.0.0.1:" + std::to_string(port) +
+                    target + "'";
   if (body) setenv("QV_BODY", body, 1), cmd += " --data-binary \"$QV_BODY\"";
   FILE *pipe = popen(cmd.c_str(), "r");
   std::string raw;
@@ -76,7 +77,9 @@ struct GatewayUnderLighttpd : AgentFixture {
     return false;
   }
 
-  std::string get(const std::string &query) { return http(httpPort, "/cgi-bin/webquorvel?" + query); }
+  std::string get(const std::string &query) {
+    return http(httpPort, "/cgi-bin/webquorvel?" + query);
+  }
 };
 
 TEST_F(GatewayUnderLighttpd, DeliversThePageAndServesTheFilesItPlaced) {

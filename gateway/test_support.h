@@ -94,7 +94,8 @@ struct CgiTree {
     char pattern[] = "/tmp/qvgw-XXXXXX";
     EXPECT_NE(mkdtemp(pattern), nullptr);
     root = pattern;
-    for (const char *dir : {"/cgi-bin", "/htdocs", "/htdocs/tmp"}) mkdir((root + dir).c_str(), 0755);
+    for (const char *dir : {"/cgi-bin", "/htdocs", "/htdocs/tmp"})
+      mkdir((root + dir).c_str(), 0755);
     if (enter) {
       char cwd[4096];
       oldCwd = getcwd(cwd, sizeof cwd) ? cwd : "/";

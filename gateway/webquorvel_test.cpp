@@ -28,8 +28,8 @@ const char ENV[] = "QUERY_STRING=\"$QV_QUERY\"", EMPTY[] = "QUERY_STRING=", UNSE
 GatewayRun runGateway(const CgiTree &tree, const std::string &query, const char *via,
                       const char *args = "") {
   setenv("QV_QUERY", query.c_str(), 1);
-  std::string cmd = "cd '" + tree.cgiBin() + "' && printf '%s\\n' \"$QV_QUERY\" | env -u QUERY_STRING " +
-                    via + " '" WEBQUORVEL_PATH "' " + args;
+  std::string cmd = "cd '" + tree.cgiBin() + "' && printf '%s\\n' \"$QV_QUERY\" | " +
+                    "env -u QUERY_STRING " + via + " '" WEBQUORVEL_PATH "' " + args;
   FILE *pipe = popen(cmd.c_str(), "r");
   GatewayRun run;
   char chunk[65536];
@@ -92,9 +92,11 @@ TEST_F(Webquorvel, ShowsMessagesOneAndTwoAndExits255) {
   std::string refused = "hn=127.0.0.1:" + std::to_string(freeLoopbackPort() - 3726) + "&rpt=/r";
   struct Row { std::string query, page; } rows[] = {
       {"log=http://back&rpt=/ic&lan=de",
-       errorPageText(ENGLISH_HEADING, "Cannot find host name in query log=http://back&rpt=/ic&lan=de",
-                     "/ic", "http://back")},
-      {"lan=De&dn=", errorPageText(GERMAN_HEADING, "Hostname in Abfrage lan=De&dn= nicht gefunden")},
+       errorPageText(ENGLISH_HEADING,
+                     "Cannot find host name in query log=http://back&rpt=/ic&lan=de", "/ic",
+                     "http://back")},
+      {"lan=De&dn=",
+       errorPageText(GERMAN_HEADING, "Hostname in Abfrage lan=De&dn= nicht gefunden")},
       {refused, errorPageText(ENGLISH_HEADING,
                               "Cannot connect to Quorvel web agent on host 127.0.0.1", "/r")},
   };
