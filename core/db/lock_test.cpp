@@ -125,7 +125,7 @@ TEST_F(DbLock, HeldLockIsReplacedRefusedTwiceAndRemovedOnFatalExit) {
 TEST_F(DbLock, LockOwnerCheckObjectsOnlyToAForeignNonEmptyFile) {
   std::string f = tmp.at("lock"), id100(100, 'q'), longFile = id100 + "tail";
   struct Row { const char *file; std::string id; int result; };  // null file: none
-  const Row rows[] = {{nullptr, "", 0},  {"", "", 0},
+  const Row rows[] = {{nullptr, "", 0},  {"", "pat@host", 0},
                       {"pat@host", "pat@host", 0}, {"pat@hostX", "pat@host", -1},
                       {"kim@host", "pat@host", -1}, {"x", "", -1},
                       {longFile.c_str(), id100, 0}};  // only the first 100 bytes count
