@@ -59,8 +59,7 @@ ItemPtr fullItem(bool two = true, bool four = true) {
   evsetDbName(it.get(), "projects");
   evsetTitle(it.get(), "Quarterly review");
   it->dbFlag = 1, it->dWord = KIND_TODO, it->uWord = 0x1234, it->owner = 2;
-  it->calendars = makeSet({0, 2, 3});
-  it->timeValue = {{1700000000, 7, 9}, {1700003600, 8, 10}};
+  it->calendars = makeSet({0, 2, 3}), it->timeValue = {{1700000000, 7, 9}, {1700003600, 8, 10}};
   CalSet *sets[] = {&it->setY, &it->setN, &it->setS, &it->setR, &it->setC, &it->setX, &it->setM};
   for (int i = 0; i < 7; i++) *sets[i] = makeSet({i % 4, 17 + i});
   for (int i = 0; i < 2; i++) {
@@ -77,38 +76,29 @@ ItemPtr fullItem(bool two = true, bool four = true) {
   return it;
 }
 
-std::string setText(const uint16_t *set) {
-  std::string text = "{";
-  for (int i = 0; i < setBitCount(set); i++) text += testbit(set, i) ? std::to_string(i) + "," : "";
-  return text + "}";
-}
-
-std::ostream &operator<<(std::ostream &o, const DateTime &d) {
-  return o << d.time << "@" << d.q1 << "%" << d.q2 << " ";
-}
-
 // Every wire-borne field as text, so that a failed comparison names the field.
 std::string describe(const Item *it) {
   std::ostringstream o;
-  o << "J=" << (it->dbName ? it->dbName : "(null)") << int(it->dbFlag) << " D=" << it->dWord
-    << " U=" << it->uWord << " T=" << it->title << " O=" << it->owner << " W="
-    << setText(it->calendars) << it->timeValue.start << it->timeValue.end;
-  for (auto s : {it->setY, it->setN, it->setS, it->setR, it->setC, it->setX, it->setM}) {
-    o << setText(s);
-  }
+  auto set = [&o](const uint16_t *s) {
+    o << "{";
+    for (int i = 0; i < setBitCount(s); i++) o << (testbit(s, i) ? std::to_string(i) + "," : "");
+    return "} ";
+  };
+  auto when = [&o](const DateTime &d) -> std::ostream & {
+    return o << d.time << "@" << d.q1 << "%" << d.q2 << " ";
+  };
+  o << "J=" << (it->dbName ? it->dbName : "-") << int(it->dbFlag) << " D=" << it->dWord << " U="
+    << it->uWord << " T=" << it->title << " O=" << it->owner << " W=" << set(it->calendars);
+  when(it->timeValue.start), when(it->timeValue.end), when(it->value8);
+  for (auto s : {it->setY, it->setN, it->setS, it->setR, it->setC, it->setX, it->setM}) o << set(s);
   for (const Popup &p : std::span(it->popups, size_t(it->popupCount))) {
-    o << " p=" << p.title << "," << p.mask << "," << p.number << setText(p.setS) << setText(p.setR);
+    o << "p=" << p.title << "," << p.mask << "," << p.number << set(p.setS) << set(p.setR);
   }
   for (const Alarm &a : std::span(it->listB, size_t(it->listBCount))) {
-    o << " a=" << a.user << "," << a.start << "," << a.freq << "," << (a.string ? a.string : "-");
+    o << "a=" << a.user << "," << a.start << "," << a.freq << "," << (a.string ? a.string : "-");
   }
-  o << " v8=" << it->value8;
-  for (const UserTime &u : std::span(it->listC, size_t(it->listCCount))) {
-    o << "q=" << u.user << "," << u.when;
-  }
-  for (const LabelSet &l : std::span(it->listD, size_t(it->listDCount))) {
-    o << "c=" << l.label << setText(l.set);
-  }
+  for (const UserTime &u : std::span(it->listC, size_t(it->listCCount))) when(u.when) << u.user;
+  for (const LabelSet &l : std::span(it->listD, size_t(it->listDCount))) o << l.label << set(l.set);
   o << " I=" << it->randomId << " H=" << it->hNumber << " A=" << it->aNumber << " G="
     << it->gNumber << " F=" << it->fNumber << " E=" << it->eNumber << " g=" << int(it->gFlag)
     << " k=" << int(it->kFlag) << " L=" << int(it->linkByte);
@@ -140,25 +130,25 @@ std::string writtenTags(Buf *buf, const Item *item) {
   return tags;
 }
 
-// Reads the buffer from its start into `back` (a fresh item when null); returns the
-// result, and what was printed on standard error in *err.
-int readCapturing(Buf *buf, std::string *err, ItemPtr *back = nullptr) {
+// Reads the buffer from its start into a fresh item; returns the result, and what was
+// printed on standard error in *err.
+int readCapturing(Buf *buf, std::string *err, Item *back = nullptr) {
   rewindBuf(buf);
   ItemPtr item = newItem();
   ::testing::internal::CaptureStderr();
-  int r = readEvent(buf, item.get());
+  int r = readEvent(buf, back ? back : item.get());
   *err = ::testing::internal::GetCapturedStderr();
-  if (back != nullptr) *back = std::move(item);
   return r;
 }
 
-// Writes the item and reads it back; the reader must stop exactly where the writer did.
-std::string roundTrip(Buf *buf, const Item *item, bool writeIt = true) {
-  if (writeIt) writeEvent(buf, item);
+// Reads back what the buffer holds (written first from `item` when given); the reader
+// must stop exactly where the writer did.
+std::string readBack(Buf *buf, const Item *item = nullptr) {
+  if (item != nullptr) writeEvent(buf, item);
   size_t written = bufUsed(buf);
   ItemPtr back = newItem();
   std::string err;
-  EXPECT_EQ(readCapturing(buf, &err, &back), 0) << err;
+  EXPECT_EQ(readCapturing(buf, &err, back.get()), 0) << err;
   EXPECT_EQ(bufUsed(buf), written);
   return describe(back.get());
 }
@@ -193,21 +183,18 @@ TEST_F(CodecTest, EachPeerVersionGetsItsFieldsInOrderAndReadsThemBack) {
     EXPECT_EQ(wordAt(buf.get(), end - 4), 6u);
     EXPECT_EQ(wordAt(buf.get(), end - 12), 6u);
     ItemPtr seen = fullItem(c.major && c.minor >= 2, c.major && c.minor >= 4);
-    EXPECT_EQ(roundTrip(buf.get(), nullptr, false), describe(seen.get()))
-        << c.major << "." << c.minor;
+    EXPECT_EQ(readBack(buf.get()), describe(seen.get())) << c.major << "." << c.minor;
   }
   // A new item: no name, so no "J" (nor for an empty name); no "L", and "z" carries 0.
   ItemPtr fresh = newItem();
-  BufPtr buf = peerBuf(1, 6);
-  EXPECT_EQ(roundTrip(buf.get(), fresh.get()), describe(fresh.get()));
   evsetDbName(fresh.get(), "");
   fresh->owner = 9;  // no calendar name: "f" carries a single NUL, read back as -1
-  buf = peerBuf(1, 6, true);
+  BufPtr buf = peerBuf(1, 6, true);
   EXPECT_EQ(writtenTags(buf.get(), fresh.get()), "DUTfW#YNSRCXM#IHAGFEgkz");
   EXPECT_EQ(wordAt(buf.get(), bufUsed(buf.get()) - 4), 0u);
   fresh->owner = -1;
   evsetDbName(fresh.get(), nullptr);
-  EXPECT_EQ(roundTrip(buf.get(), fresh.get(), false), describe(fresh.get()));
+  EXPECT_EQ(readBack(buf.get()), describe(fresh.get()));
 }
 
 TEST_F(CodecTest, UntaggedDateTimesThatLookLikeTagsStillReadBack) {
@@ -219,7 +206,7 @@ TEST_F(CodecTest, UntaggedDateTimesThatLookLikeTagsStillReadBack) {
       item->value8.time = item->timeValue.start.time = item->listC[0].when.time = int32_t(t);
       item->popupCount = item->listBCount = item->listCCount = entries;
       BufPtr buf = peerBuf(1, 6);
-      EXPECT_EQ(roundTrip(buf.get(), item.get()), describe(item.get()));
+      EXPECT_EQ(readBack(buf.get(), item.get()), describe(item.get()));
     }
   }
   item->popupCount = item->listBCount = item->listCCount = 2;  // (so that all are freed)
@@ -227,28 +214,16 @@ TEST_F(CodecTest, UntaggedDateTimesThatLookLikeTagsStillReadBack) {
 
 /* ---- The reader's refusals ------------------------------------------------------ */
 
-TEST_F(CodecTest, TextsOfUpTo255CharactersPassAndLongerAreRefused) {
-  struct Case {
-    const char *what;
-    void (*set)(Item *, const char *);
-  } cases[] = {{"title", [](Item *it, const char *t) { evsetTitle(it, t); }},
-               {"dbname", [](Item *it, const char *t) { evsetDbName(it, t); }},
-               {"popup title", [](Item *it, const char *t) { addPopup(it)->title = dup(t); }}};
+TEST_F(CodecTest, PopupTitlesOfUpTo255CharactersPassAndLongerAreRefused) {
   std::string err;
-  for (const Case &c : cases) {
-    for (size_t n : {255, 256}) {
-      ItemPtr item = newItem();
-      c.set(item.get(), std::string(n, 'x').c_str());
-      BufPtr buf = peerBuf(1, 6);
-      writeEvent(buf.get(), item.get());
-      EXPECT_EQ(readCapturing(buf.get(), &err), n == 255 ? 0 : -1) << c.what;
-      EXPECT_EQ(err, n == 255 ? "" : "readEvent: " + std::string(c.what) + " len too long: 257\n");
-    }
+  for (size_t n : {255, 256}) {
+    ItemPtr item = newItem();
+    addPopup(item.get())->title = dup(std::string(n, 'x').c_str());
+    BufPtr buf = peerBuf(1, 6);
+    writeEvent(buf.get(), item.get());
+    EXPECT_EQ(readCapturing(buf.get(), &err), n == 255 ? 0 : -1);
+    EXPECT_EQ(err, n == 255 ? "" : "readEvent: popup title len too long: 257\n");
   }
-  BufPtr buf = peerBuf(1, 6);  // the writer's owner names are calendar names: build one
-  StuffBuf(buf.get(), std::string(257, 'y').c_str(), 257, 1, bufTag('f'));
-  EXPECT_EQ(readCapturing(buf.get(), &err), -1);
-  EXPECT_EQ(err, "readEvent: orig len too long: 257\n");
 }
 
 TEST_F(CodecTest, RefusesUnknownTagsMisplacedFieldsBadSizesAndCuts) {
@@ -269,30 +244,37 @@ TEST_F(CodecTest, RefusesUnknownTagsMisplacedFieldsBadSizesAndCuts) {
   EXPECT_EQ(readCapturing(whole.get(), &err), -1);
   EXPECT_EQ(err, "readEvent: bad tag 0x4e where 'Y' belongs\n");
 
-  // A field alone in a storage that ends behind it: unknown tags, wrong and empty sizes
-  // are ours to report; broken granularity and overruns are the buffer's.
+  // A field alone in a storage that ends behind it (`stored` bytes, its word announcing
+  // `len`): unknown tags, wrong and empty sizes and overlong texts are ours to report;
+  // broken granularity and overruns are the buffer's, as is the missing field behind a
+  // text of the greatest length.
   struct Size {
     char tag;
-    uint32_t len;
+    uint32_t len, stored;
     const char *message;
-  } sizes[] = {{'Q', 8, "readEvent: bad tag 0x51\n"},
-               {'O', 8, "readEvent: bad size 8 for field 'O'\n"},
-               {'O', 0, "readEvent: bad size 0 for field 'O'\n"},
-               {'T', 0, "readEvent: bad size 0 for field 'T'\n"},
-               {'W', 0, "readEvent: bad size 0 for field 'W'\n"},
-               {'D', 4, "readEvent: bad size 4 for field 'D'\n"},
-               {'O', 2, "ReadBuf: bad size: 2, granularity: 4\n"},
-               {'D', 3, "ReadBuf: bad size: 3, granularity: 2\n"},
-               {'T', 9, "ReadBuf: overflowed buffer\n"}};
+  } sizes[] = {{'Q', 8, 8, "readEvent: bad tag 0x51\n"},
+               {'O', 8, 8, "readEvent: bad size 8 for field 'O'\n"},
+               {'O', 0, 8, "readEvent: bad size 0 for field 'O'\n"},
+               {'T', 0, 8, "readEvent: bad size 0 for field 'T'\n"},
+               {'W', 0, 8, "readEvent: bad size 0 for field 'W'\n"},
+               {'D', 4, 4, "readEvent: bad size 4 for field 'D'\n"},
+               {'O', 2, 8, "ReadBuf: bad size: 2, granularity: 4\n"},
+               {'D', 3, 4, "ReadBuf: bad size: 3, granularity: 2\n"},
+               {'T', 9, 8, "ReadBuf: overflowed buffer\n"},
+               {'T', 257, 257, "readEvent: title len too long: 257\n"},
+               {'J', 257, 257, "readEvent: dbname len too long: 257\n"},
+               {'f', 257, 257, "readEvent: orig len too long: 257\n"},
+               {'T', 256, 256, "ReadBuf: overflowed buffer\n"},
+               {'j', 256, 256, "ReadBuf: overflowed buffer\n"},
+               {'f', 256, 256, "ReadBuf: overflowed buffer\n"}};
   for (const Size &c : sizes) {
     BufPtr buf = peerBuf(1, 6);
-    uint8_t zeros[8] = {};
-    StuffBuf(buf.get(), zeros, 8, 1, bufTag(c.tag));
-    buf->size = 12;
+    StuffBuf(buf.get(), std::string(c.stored, 'x').c_str(), c.stored, 1, bufTag(c.tag));
+    buf->size = uint32_t(bufUsed(buf.get()));
     uint32_t word = htonl(bufTag(c.tag) | c.len);
     memcpy(buf->data, &word, 4);
     EXPECT_EQ(readCapturing(buf.get(), &err), -1);
-    EXPECT_EQ(err, c.message);
+    EXPECT_EQ(err, c.message) << c.tag << c.len;
   }
 }
 
@@ -309,7 +291,7 @@ TEST_F(CodecTest, SkipsTheOlderPeersFields) {
   StuffBuf(buf.get(), "abcdef", 7, 1, bufTag('r'));
   StuffBuf(buf.get(), &v, 4, 4, bufTag('l'));
   StuffBuf(buf.get(), plain->data + tail, 8, 1, BUF_UNTAGGED);
-  EXPECT_EQ(roundTrip(buf.get(), nullptr, false), describe(item.get()));
+  EXPECT_EQ(readBack(buf.get()), describe(item.get()));
 }
 
 /* ---- Item messages -------------------------------------------------------------- */
@@ -325,7 +307,6 @@ TEST_F(CodecTest, SingleItemMessagesAndTheirExtendedRule) {
   buildItemMessage(buf.get(), 103, nullptr);  // no item: the header alone, code 55
   EXPECT_EQ(bufUsed(buf.get()), 12u);
   EXPECT_EQ(wordAt(buf.get(), 0), (55u << 16) | 0x106);
-  EXPECT_EQ(wordAt(buf.get(), 4), 12u);
   EXPECT_EQ(wordAt(buf.get(), 8), 0xDEADBEEFu);
   uint32_t storage = buf->size;
   buf->size = 12;  // received with nothing behind the header
