@@ -15,7 +15,6 @@ void recordEffect(DbHandle *m, DbHandle *ctx) {
   EXPECT_EQ(m, mainDb());
   effects.push_back(ctx);
 }
-void quietLoss(const char *) {}
 
 class RemoteUsersTest : public PeopleTest {
  protected:
@@ -25,7 +24,7 @@ class RemoteUsersTest : public PeopleTest {
   void SetUp() override {
     PeopleTest::SetUp();
     resetLink();
-    setLinkMessageHook(quietLoss);
+    setLinkMessageHook([](const char *) {});  // link losses are expected here
     effects.clear();
     setUserChangeHook(recordEffect);
     ASSERT_EQ(startCalServer(&server), 0);

@@ -20,10 +20,7 @@ static Fields fieldsOf(const std::string &line) {
 }
 
 TEST(NextUserField, SplitsAtCommasOutsideQuotesAndNeedsACommaOrNewlineBehind) {
-  const struct {
-    const char *line;
-    Fields want;
-  } rows[] = {
+  const struct { const char *line; Fields want; } rows[] = {
       {"anna,ak,anna@x.org,Anna K\n", {"anna", "ak", "anna@x.org", "Anna K"}},
       {"\"Smith, J\",js\n", {" Smith, J ", "js"}},  // quotes around a comma: blanks
       {"a\"b,c\n", {"a\"b", "c"}},                  // no closing quote
@@ -43,20 +40,14 @@ TEST(UserList, GrowsBy64ZeroedSlotsAndCopiesDeeply) {
   UserList *l = newUserList();
   for (int i = 0; i < 65; i++)
     EXPECT_EQ(addUserEntry(l, ("u" + std::to_string(i)).c_str(), "l", "", "", i % 2), i);
-  EXPECT_EQ(l->count, 65);
-  EXPECT_EQ(l->capacity, 128);
-  EXPECT_STREQ(l->entries[64].name, "u64");
-  EXPECT_EQ(l->entries[63].plusFlag, 1);
-  EXPECT_EQ(l->entries[64].id, -1);
-  EXPECT_EQ(l->entries[65].name, nullptr);  // the unused slots are zeroed, id -1
-  EXPECT_EQ(l->entries[127].id, -1);
+  EXPECT_TRUE(l->count == 65 && l->capacity == 128 && l->entries[64].id == -1);
+  EXPECT_TRUE(l->entries[65].name == nullptr && l->entries[127].id == -1);  // fresh slots
   l->entries[3].id = 9;
   UserList *c = copyUserList(l);
   EXPECT_EQ(c->count, 65);
-  EXPECT_NE(c->entries[3].name, l->entries[3].name);  // copies, not shared
-  EXPECT_STREQ(c->entries[3].name, "u3");
-  EXPECT_EQ(c->entries[3].id, 9);
-  EXPECT_EQ(c->entries[63].plusFlag, 1);
+  EXPECT_NE(c->entries[64].name, l->entries[64].name);  // copies, not shared
+  EXPECT_STREQ(c->entries[64].name, "u64");
+  EXPECT_TRUE(c->entries[3].id == 9 && c->entries[63].plusFlag == 1);
   EXPECT_EQ(userListsEqual(l, c), 1);
   freeUserList(c);
   freeUserList(l);
