@@ -67,8 +67,11 @@ char *nextUserField(char **rest);
 // server-attached context, -1 when the file cannot be opened, else the own calendar.
 int readUsersFile(DbHandle *ctx, int *changed);
 
-// Server-attached contexts only (-1 otherwise): asks the server for the user list of
-// `name` (null for none); returns the call's result and sets *changed from its answer.
+// Server-attached contexts only (-1 otherwise): asks the server whether the users of
+// `name` (null for none) changed; returns the call's result and sets *changed from its
+// answer. The answer lands on the named calendar's own connection when its context has
+// one; that context's changed mark follows an answer of kind 2, and a change is carried
+// into the client (EffectUserChanges) unless the main context is of kind 1.
 int refreshRemoteUsers(DbHandle *ctx, int *changed, const char *name);
 
 // The path of ctx's users file (resolved against the installation root).
