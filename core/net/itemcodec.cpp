@@ -226,10 +226,20 @@ int peekField(Buf *in, Field *f) {
   return 0;
 }
 
-// Reads a field whose payload must be exactly n bytes. A length that breaks the
-// granularity is ReadBuf's to report (it fails before copying anything).
+// Whether the field at the cursor passes ReadBuf's fit test (4 bytes beyond it).
+bool fieldFits(const Buf *in, const Field &f) { return in->size >= bufUsed(in) + f.len + 4; }
+
+// A field that does not fit the buffer or breaks its granularity gets ReadBuf's own
+// report: ReadBuf fails on it before copying anything, so no area is needed.
+int bufferRefuses(Buf *in, const Field &f, int granularity) {
+  if (fieldFits(in, f) && f.len % unsigned(granularity) == 0) return 0;
+  ReadBuf(in, nullptr, f.len, granularity, 1);
+  return -1;
+}
+
+// Reads a field whose payload must be exactly n bytes.
 int readExact(Buf *in, const Field &f, void *dst, size_t n, int granularity) {
-  if (f.len % unsigned(granularity) != 0) return ReadBuf(in, nullptr, f.len, granularity, 1);
+  if (bufferRefuses(in, f, granularity) < 0) return -1;
   if (f.len != n) return refuse("bad size %u for field '%c'", unsigned(f.len), f.tag);
   return ReadBuf(in, dst, n, granularity, 1) == -1 ? -1 : 0;
 }
@@ -244,6 +254,7 @@ int readText(Buf *in, const Field &f, const char *what, char **out) {
   }
   // (an empty field cannot come from StuffBuf, and ReadBuf would not move past it)
   if (f.len == 0) return refuse("bad size 0 for field '%c'", f.tag);
+  if (bufferRefuses(in, f, 1) < 0) return -1;  // before allocating what it announces
   char *text = static_cast<char *>(allocMem(nullptr, f.len + 1));
   if (text == nullptr) outOfMem("readEvent");
   if (ReadBuf(in, text, f.len, 1, 1) == -1) {
@@ -258,6 +269,7 @@ int readText(Buf *in, const Field &f, const char *what, char **out) {
 
 int readSet(Buf *in, const Field &f, CalSet *set) {
   char area[NETBITS_MAX];
+  if (bufferRefuses(in, f, 1) < 0) return -1;
   if (f.len == 0 || f.len > sizeof area) {
     return refuse("bad size %u for field '%c'", unsigned(f.len), f.tag);
   }
