@@ -6,11 +6,9 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 using namespace quorvel;
@@ -39,18 +37,13 @@ class Catalog : public ::testing::Test {
     resetCatalog();
   }
   void TearDown() override {
-    resetCatalog();
     std::filesystem::remove_all(root);
     unsetenv("QUORVELPATH");
-    unsetenv("NOQUORVELCATGETS");
     resetBase();
   }
   void write(const char *lang, const std::string &text) {
     std::filesystem::create_directories(root + "/resources/" + lang);
-    FILE *f = fopen((root + "/resources/" + lang + "/qv.msg").c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    fputs(text.c_str(), f);
-    fclose(f);
+    std::ofstream(root + "/resources/" + lang + "/qv.msg") << text;
   }
   // Loads text as the only (English) catalogue, afresh.
   void load(const std::string &text) {

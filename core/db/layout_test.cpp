@@ -47,7 +47,7 @@ TEST_F(DbLayout, PathTableHoldsItsDefaultsInOrderAndTakesNewSettings) {
   EXPECT_STREQ(dbPathSetting(DBP_USERS), "elsewhere/users");
 }
 
-TEST_F(DbLayout, BuildsRootAndDatabasePathsWithinTheBuffer) {
+TEST_F(DbLayout, BuildsAndNormalisesRootAndDatabasePathsWithinTheBuffer) {
   EXPECT_STREQ(resolveDbPath(out, "db/users"), "db/users");  // no root known
   setenv("QUORVELPATH", "/opt/qv", 1);
   resetBase();
@@ -65,9 +65,11 @@ TEST_F(DbLayout, BuildsRootAndDatabasePathsWithinTheBuffer) {
     EXPECT_EQ(std::string(build(out, "db/database")), std::string("db/database") + suffix);
   std::string longDir(DB_PATH_MAX + 50, 'x');  // cut at the buffer's end, never past it
   EXPECT_EQ(strlen(stampPath(out, longDir.c_str())), DB_PATH_MAX - 1);
+  char path[] = "c:\\db\\x:y/z";
+  EXPECT_STREQ(normalisePath(path), "c//db/x/y/z");
 }
 
-TEST_F(DbLayout, StatFamilyReadsTimesSizesAndModesAndNeverReportsAMissingFile) {
+TEST_F(DbLayout, StatFamilyNeverReportsAMissingFileAndEnsureDirMakesWhatIsMissing) {
   std::string full = tmp.at("full"), empty = tmp.at("empty"), gone = tmp.at("gone");
   writeFile(full, "12345");
   writeFile(empty, "");
@@ -90,9 +92,6 @@ TEST_F(DbLayout, StatFamilyReadsTimesSizesAndModesAndNeverReportsAMissingFile) {
   EXPECT_FALSE(fileSize(gone.c_str()) || isDir(gone.c_str()) || isOwnerReadable(gone.c_str()) ||
                isOwnerWritable(gone.c_str()));
   EXPECT_EQ(reportCount(), 0);
-}
-
-TEST_F(DbLayout, EnsureDirAcceptsWhatExistsAndMakesWhatIsMissing) {
   std::string fresh = tmp.at("fresh");
   EXPECT_EQ(ensureDir(fresh.c_str(), 0700), 0);
   EXPECT_TRUE(isDir(fresh.c_str()));
@@ -120,9 +119,4 @@ TEST_F(DbLayout, WriteProbeIsRemovedAndAMissingDirectoryIsFatalNamedWithTheRoot)
               ::testing::Eq(missing(tmp.path + "/db/gone")));
   EXPECT_EXIT(checkDbDirWritable(tmp.at("gone").c_str()), ::testing::ExitedWithCode(1),
               ::testing::Eq(missing(tmp.at("gone"))));
-}
-
-TEST_F(DbLayout, NormalisePathTurnsBackslashesAndColonsIntoSlashes) {
-  char path[] = "c:\\db\\x:y/z";
-  EXPECT_STREQ(normalisePath(path), "c//db/x/y/z");
 }
