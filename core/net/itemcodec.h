@@ -5,8 +5,8 @@
 //
 //   J|j text  database name (only when present and not empty; "j" when dbFlag is set)
 //   D short, U short, T text
-//   f text (owner's calendar name) when the peer is 1.3 or later and the message is
-//          extended, else O number (owner's calendar number)
+//   f text (owner's calendar name) when the peer is x.3+ and the message is extended,
+//          else O number (owner's calendar number)
 //   W set, then the start/end time value (two date-times, untagged)
 //   Y N S R C X M   one set each
 //   per popup:      p text, m number, m number, b set, and (peer x.2+) a second b set
@@ -28,12 +28,13 @@
 // so where value8 stands is found by look-ahead: a group is taken only when the tag
 // words of the whole group line up ("p", then "m" and "m"; "a" of 12 bytes, then "e",
 // with no "q", "c" or "I" where value8's successor would stand). Only a value8 whose
-// time reads as such a tag word (one second of 27 July 2021 for "a", a day from 18 July
-// 2029 on for "p") and whose following bytes complete the group could be misread.
+// time reads as such a tag word (one second of 27 July 2021 for "a", the six months
+// from 18 July 2029 for "p") and whose following bytes complete the group is misread.
 //
 // Sets travel in the bit encoding (writenetbits) as bytes. Version gates read the
 // peer's version kept in the buffer; a gate on the second number also needs the first
-// to be non-zero. Texts read back are limited to 256 bytes with their NUL.
+// to be non-zero. The title, database name, owner name and popup titles read back are
+// limited to 256 bytes with their NUL; longer ones are refused.
 //
 // Item messages: a header with the request code, then the items, each followed at
 // once by its chained item (and that one's chain). Chained items are copies of their
