@@ -3,7 +3,6 @@
 #include "core/date/datetime.h"
 
 #include <cctype>
-#include <cstdio>
 #include <cstring>
 
 namespace quorvel {
@@ -82,19 +81,41 @@ TimeRange getTimeRange(const uint8_t *in) {
 
 /* ---- Record-file text form ---------------------------------------------------- */
 
+// Writes "0x" and the hexadecimal digits of v at out; returns the end. By hand, not
+// through printf: record files are mostly date-time lines.
+static char *putHex(char *out, uint32_t v) {
+  char digits[8];
+  int n = 0;
+  do {
+    digits[n++] = "0123456789abcdef"[v & 15];
+    v >>= 4;
+  } while (v != 0);
+  *out++ = '0';
+  *out++ = 'x';
+  while (n > 0) *out++ = digits[--n];
+  return out;
+}
+
 int formatDateTime(char *out, size_t cap, const DateTime &dt, const DateTime *defaults) {
   bool withQ1 = defaults == nullptr || dt.q1 != defaults->q1;
   bool withQ2 = withQ1 && (defaults == nullptr || dt.q2 != defaults->q2);
-  int n;
-  if (withQ2)
-    n = snprintf(out, cap, "0x%lx @0x%x %%0x%x", static_cast<unsigned long>(uint32_t(dt.time)),
-                 unsigned(dt.q1), unsigned(dt.q2));
-  else if (withQ1)
-    n = snprintf(out, cap, "0x%lx @0x%x", static_cast<unsigned long>(uint32_t(dt.time)),
-                 unsigned(dt.q1));
-  else
-    n = snprintf(out, cap, "0x%lx", static_cast<unsigned long>(uint32_t(dt.time)));
-  return n < 0 || size_t(n) >= cap ? -1 : n;
+  char text[DATETIME_TEXT];  // the longest form is 28 bytes
+  char *end = putHex(text, uint32_t(dt.time));
+  if (withQ1) {
+    *end++ = ' ';
+    *end++ = '@';
+    end = putHex(end, dt.q1);
+  }
+  if (withQ2) {
+    *end++ = ' ';
+    *end++ = '%';
+    end = putHex(end, dt.q2);
+  }
+  size_t n = size_t(end - text);
+  if (n >= cap) return -1;
+  memcpy(out, text, n);
+  out[n] = '\0';
+  return int(n);
 }
 
 int parseDateTime(const char *text, DateTime *out, const DateTime *defaults) {

@@ -130,44 +130,6 @@ static int32_t ownerValue(const char *value) {
   return isAllNames(value) ? OWNER_ALL : calendarIndex(value);
 }
 
-// Up to max hexadecimal digits after "0x"; false when there are none or too many.
-static bool fastHex(const char **text, int max, uint32_t *value) {
-  const char *p = *text;
-  if (p[0] != '0' || p[1] != 'x') return false;
-  p += 2;
-  uint32_t v = 0;
-  int n = 0;
-  for (;; n++, p++) {
-    int d = *p >= '0' && *p <= '9' ? *p - '0' : *p >= 'a' && *p <= 'f' ? *p - 'a' + 10 : -1;
-    if (d < 0) break;
-    if (n == max) return false;
-    v = v << 4 | uint32_t(d);
-  }
-  if (n == 0) return false;
-  *value = v;
-  *text = p;
-  return true;
-}
-
-// A date-time value. The writer's own form ("0x<time>[ @0x<q1>[ %0x<q2>]]") is read
-// here directly, every other form by parseDateTime, which owns the text form.
-static int readDateTime(const char *text, DateTime *out, const DateTime *defaults) {
-  const char *p = text;
-  uint32_t time = 0, q1 = defaults ? defaults->q1 : 0, q2 = defaults ? defaults->q2 : 0;
-  bool ok = fastHex(&p, 8, &time);
-  if (ok && p[0] == ' ' && p[1] == '@') {
-    p += 2;
-    ok = fastHex(&p, 4, &q1);
-    if (ok && p[0] == ' ' && p[1] == '%') {
-      p += 2;
-      ok = fastHex(&p, 4, &q2);
-    }
-  }
-  if (!ok || *p != '\0') return parseDateTime(text, out, defaults);
-  *out = DateTime{int32_t(time), uint16_t(q1), uint16_t(q2)};
-  return 0;
-}
-
 static bool isKindTag(char tag) { return tag == 'T' || tag == 'D' || tag == 'M' || tag == '?'; }
 
 static uint16_t kindOf(char tag) {
@@ -209,7 +171,7 @@ int parseListHeader(LineScan *scan, Item *head) {
       head->dbName = copyValue(line.value);
     } else if (line.tag == 'B' || line.tag == 'F') {
       DateTime *dt = line.tag == 'B' ? &head->timeValue.start : &head->timeValue.end;
-      if (readDateTime(line.value, dt, nullptr) != 0) return -1;
+      if (parseDateTime(line.value, dt, nullptr) != 0) return -1;
     } else if (CalSet *set = headerSet(head, line.tag)) {
       parseNameSet(line.value, set);
     }
@@ -326,7 +288,7 @@ static void parseEntryLine(Item *item, const RecordLine &line, ParseState *st) {
       st->userTime->when = initDateTime();
       break;
     case 'Q':
-      if (st->userTime != nullptr) readDateTime(line.value, &st->userTime->when, st->defaults);
+      if (st->userTime != nullptr) parseDateTime(line.value, &st->userTime->when, st->defaults);
       break;
     case 'K': parseLabelLine(item, line.value); break;
     default: break;  // unknown tags and the G line are skipped
@@ -339,7 +301,7 @@ static void parseItemLine(Item *item, const RecordLine &line, ParseState *st) {
     setTitle(item, line.value);
   } else if (line.tag == 'B' || line.tag == 'F') {
     DateTime *dt = line.tag == 'B' ? &item->timeValue.start : &item->timeValue.end;
-    if (readDateTime(line.value, dt, st->defaults) != 0) *dt = initDateTime();
+    if (parseDateTime(line.value, dt, st->defaults) != 0) *dt = initDateTime();
   } else if (line.tag == 'J' || line.tag == 'j') {
     evsetDbName(item, line.value);
     item->dbFlag = line.tag == 'j';

@@ -154,20 +154,10 @@ static void addHex(std::string &t, unsigned long v) {
   appendNumber(t, v, false, 16);
 }
 
-// The date-time text is formatDateTime's (the tests hold the two together).
 static void addDateTime(std::string &t, char tag, const DateTime &dt, const DateTime *defaults) {
-  bool withQ1 = defaults == nullptr || dt.q1 != defaults->q1;
-  bool withQ2 = withQ1 && (defaults == nullptr || dt.q2 != defaults->q2);
+  char text[DATETIME_TEXT];
   addPrefix(t, tag);
-  addHex(t, (unsigned long)uint32_t(dt.time));
-  if (withQ1) {
-    t.append(" @");
-    addHex(t, dt.q1);
-  }
-  if (withQ2) {
-    t.append(" %");
-    addHex(t, dt.q2);
-  }
+  t.append(text, size_t(formatDateTime(text, sizeof text, dt, defaults)));
   t.push_back('\n');
 }
 
@@ -362,8 +352,8 @@ int writeItem(void *sink, Item *item, const DateTime *defaults, LineWriter out) 
   addDateTime(t, 'F', item->timeValue.end, defaults);
   DbHandle *previous = currentDb();
   DbHandle *own = nullptr;
+  cutText(item->dbName);
   if (item->dbName != nullptr && *item->dbName != '\0') {
-    cutText(item->dbName);
     addText(t, item->dbFlag ? 'j' : 'J', item->dbName);
     if ((own = findDbByName(item->dbName)) != nullptr) setCurrentDb(own);
   }
@@ -388,8 +378,8 @@ const DateTime *listDefaults(const Item *head) {
 int writeListHeader(void *sink, Item *head, LineWriter out) {
   std::string t = "\n";
   addOwner(t, head->owner);
+  cutText(head->dbName);
   if (head->dbName != nullptr && *head->dbName != '\0' && findDbByName(head->dbName) != nullptr) {
-    cutText(head->dbName);
     addText(t, 'J', head->dbName);
   }
   if (listDefaults(head) != nullptr) {

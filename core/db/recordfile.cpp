@@ -191,15 +191,13 @@ static int movedAsideFailed(RecordFile *rf, int rc) {
 }
 
 // The new file is in place: remove "sav" and take the new times and size.
-static int settleNewFile(RecordFile *rf, const std::string &sav, bool moved, long size) {
-  if (moved) {
-    errno = 0;
-    if (retryUnlink(sav.c_str()) != 0) {
-      if (errno == 0) return -EAGAIN;
-      int e = errno;
-      warning("tmprelink: unable to unlink saved %s (errno=%d)!", sav.c_str(), e);
-      return e;
-    }
+static int settleNewFile(RecordFile *rf, const std::string &sav, long size) {
+  errno = 0;
+  if (retryUnlink(sav.c_str()) != 0) {
+    if (errno == 0) return -EAGAIN;
+    int e = errno;
+    warning("tmprelink: unable to unlink saved %s (errno=%d)!", sav.c_str(), e);
+    return e;
   }
   rf->mtime = fileModTime(rf->path.c_str(), nullptr);
   rf->dirTime = fileModTime(rf->dirPath.c_str(), nullptr);
@@ -216,22 +214,21 @@ int tmprelink(RecordFile *rf) {
   if (retryStat(sav.c_str(), &st) == 0) retryUnlink(sav.c_str());
   int rc = retryRename(path, sav.c_str());
   // The wrapper gives -1 for every failure, a missing file included: only 0 moves on,
-  // so the old file is always in "sav" below.
+  // so the old file is always in "sav" below and is put back on every failure.
   if (rc != 0) return movedAsideFailed(rf, rc);
-  bool moved = true;
   errno = 0;
   if (retryRename(tmp.c_str(), path) != 0) {
     int e = errno;
     warning("tmprelink: unable to rename %s to %s (errno=%d)!", tmp.c_str(), path, e);
-    if (moved) retryRename(sav.c_str(), path);
+    retryRename(sav.c_str(), path);
     return e != 0 ? e : -E2BIG;
   }
   syncDir(rf->dirPath);
   long size = 0;
-  if (fileModTime(path, &size) != NO_TIME && size >= 1) return settleNewFile(rf, sav, moved, size);
+  if (fileModTime(path, &size) != NO_TIME && size >= 1) return settleNewFile(rf, sav, size);
   retryUnlink(path);
   warning("tmprelink: target file %s does not exist", path);
-  if (moved) retryRename(sav.c_str(), path);
+  retryRename(sav.c_str(), path);
   return -ECHILD;
 }
 
