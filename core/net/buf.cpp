@@ -22,13 +22,19 @@ void resetMarks(Buf *buf) {
   buf->markB = BUF_NO_MARK;
 }
 
+// Bytes from the cursor to the end of the storage (0 when a caller has cut the size
+// below the cursor).
+size_t bufRoom(const Buf *buf) {
+  size_t used = bufUsed(buf);
+  return buf->size > used ? buf->size - used : 0;
+}
+
 // Moves the cursor n bytes on, never past the end of the storage (and never while
 // there is no storage at all).
 void advance(Buf *buf, size_t n) {
   if (buf->data == nullptr) return;
-  size_t used = bufUsed(buf);
-  size_t room = buf->size > used ? buf->size - used : 0;
-  buf->cursor = buf->data + used + (n < room ? n : room);
+  size_t room = bufRoom(buf);
+  buf->cursor = bufPosition(buf) + (n < room ? n : room);
 }
 
 // Payload copies by granularity, converting integers to or from network order.
@@ -158,7 +164,7 @@ void StuffBuf(Buf *buf, const void *src, size_t nbytes, int granularity, uint32_
   bool tagged = tag != BUF_UNTAGGED;
   size_t need = size_t(roundUp(long(nbytes) + (tagged ? 4 : 0), 4));
   bool badSize = granularity <= 0 || nbytes % size_t(granularity) != 0;
-  if (need > buf->size - bufUsed(buf)) {
+  if (need > bufRoom(buf)) {
     // (the tag word and payload are written right after; the pad bytes are zeroed)
     bool copies = !badSize && (granularity == 1 || granularity == 2 || granularity == 4);
     size_t written = copies ? bufUsed(buf) + (tagged ? 4 : 0) + nbytes : 0;
@@ -169,7 +175,7 @@ void StuffBuf(Buf *buf, const void *src, size_t nbytes, int granularity, uint32_
     return;
   }
   // (the growth is refused beyond its cap: then the field is dropped, not overrun)
-  if (need > buf->size - bufUsed(buf)) return;
+  if (need > bufRoom(buf)) return;
   uint8_t *at = bufPosition(buf);
   if (tagged) {
     uint32_t word = htonl(uint32_t(nbytes & BUF_MAX_FIELD) | tag);
@@ -201,7 +207,7 @@ int32_t ReadBuf(Buf *buf, void *dst, size_t nbytes, int granularity, int tagged)
   if (length == 0) return 0;
   size_t space = size_t(roundUp(long(length) + (tagged ? 4 : 0), 4));
   // (size < used + length + 4, written so that a huge untagged length cannot wrap)
-  size_t room = buf->size - bufUsed(buf);
+  size_t room = bufRoom(buf);
   if (length > room || room - length < 4 || (tagged && length > nbytes)) {
     fprintf(stderr, "ReadBuf: overflowed buffer\n");
     advance(buf, 4);
@@ -218,7 +224,7 @@ int32_t ReadBuf(Buf *buf, void *dst, size_t nbytes, int granularity, int tagged)
 }
 
 int skipField(Buf *buf, size_t n) {
-  if (n <= buf->size - bufUsed(buf)) {
+  if (n <= bufRoom(buf)) {
     advance(buf, size_t(roundUp(long(n), 4)));
     return 0;
   }

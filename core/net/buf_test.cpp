@@ -207,6 +207,11 @@ TEST_F(BufTest, PeekTagAndSkipFieldStayWithinTheStorage) {
   EXPECT_EQ(skipField(b, 8), 0);
   EXPECT_EQ(skipField(b, 1), -1);
   EXPECT_EQ(bufUsed(b), 20u);  // never past the end of the storage
+  b->size = 8;                 // a caller cut the storage below the cursor: nothing fits
+  uint8_t word[4];
+  EXPECT_EQ(skipField(b, 4), -1);
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(ReadBuf(b, word, 4, 1, 0), -1); }),
+            "ReadBuf: overflowed buffer\n");
 }
 
 TEST_F(BufTest, RewindSeekClearAndStatusRepeats) {
