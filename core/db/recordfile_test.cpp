@@ -1,9 +1,8 @@
 // Tests of the rewrite of a record file on the real file system: the shrink check and
-// its "BAD" file, writedbfile's failures, tmprelink's results and the cache that reads,
-// re-reads, writes back and is dropped with the change stamp.
-#include <cerrno>
+// its "BAD" file, writedbfile's failures, tmprelink's results, the missing user state,
+// and the cache that reads, re-reads, writes back and is dropped with the change stamp.
 #include <algorithm>
-#include <climits>
+#include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -12,7 +11,6 @@
 #include "core/db/context.h"
 #include "core/db/db_test_util.h"
 #include "core/db/layout.h"
-#include "core/db/lock.h"
 #include "core/db/record.h"
 #include "core/db/record_test_util.h"
 #include "core/db/recordfile.h"
@@ -37,23 +35,21 @@ class RecordRewrite : public ::testing::Test {
     resetNameLookup();
     resetDbContexts();
   }
-  // Items numbered from..to-1 with titles of the given length.
-  void fill(int from, int to, size_t titleLength) {
-    for (int i = from; i < to; i++) {
-      Item *it = evnew();
-      it->randomId = i;
-      it->calendars = makeSet({0});
-      evsetTitle(it, std::string(titleLength, 'a' + char(i % 26)).c_str());
-      addRecordItem(rf, it);
-    }
-  }
-  void dropItems(int keep) {
-    while (evlistCount(&rf->list) > keep) {
+  // The list made count items long, every title titleLength characters.
+  void shape(int count, size_t titleLength) {
+    while (evlistCount(&rf->list) > count) {
       Item *last = rf->list.prev;
       evlistRemove(last);
       evfree(last);
     }
     rf->index.clear();
+    for (int i = evlistCount(&rf->list); i < count; i++) {
+      Item *it = evnew();
+      it->randomId = i;
+      it->calendars = makeSet({0});
+      addRecordItem(rf, it);
+    }
+    for (Item *e = rf->list.next; e != &rf->list; e = e->next) evsetTitle(e, std::string(titleLength, 'a').c_str());
     rf->dirty = true;
   }
   int rewrite() {
@@ -67,67 +63,57 @@ class RecordRewrite : public ::testing::Test {
   }
 };
 
-TEST_F(RecordRewrite, ShrinkCheckRefusesOnlyWhenBothMeasuresFell) {
+TEST_F(RecordRewrite, ShrinkCheckRefusesOnlyWhenBothMeasuresFellBelowNinetyPercent) {
   writeFile(path, "");
-  fill(0, 20, 40);  // about 120 bytes an item
-  ASSERT_EQ(rewrite(), 0);
-  long fullSize = rf->size;
-  EXPECT_EQ(long(readFile(path).size()), fullSize);
-  EXPECT_EQ(rf->count, 20);
-
-  for (Item *e = rf->list.next; e != &rf->list; e = e->next)  // bytes near 85%, count kept
-    evsetTitle(e, std::string(22, 'b').c_str());
-  ASSERT_EQ(rewrite(), 0);
-  EXPECT_LT(rf->size * 100 / fullSize, 90);
-  std::string kept = readFile(path);
-
-  dropItems(15);  // records at 75%, bytes at 75%: refused
-  int rc = 0;
-  std::string log = captured(&rc, writedbfile);
-  EXPECT_EQ(rc, -EIO);
-  char want[160];
-  snprintf(want, sizeof want, "writedbfile fail: incomplete write - %d/%d (observed) != %d/%d (expected)\n",
-           int(fileSize((path + "BAD").c_str())), 15, int(rf->size), 20);
-  EXPECT_EQ(log, want);
-  EXPECT_EQ(readFile(path), kept);
-  EXPECT_FALSE(exists(path + "TMP"));
-  EXPECT_FALSE(rf->loaded);
-  EXPECT_EQ(rf->mtime, NO_TIME);
-  std::string bad = readFile(path + "BAD");
-  EXPECT_EQ(std::count(bad.begin(), bad.end(), '\n'), 1 + 15 * 8);
-
-  dropItems(14);  // an existing "BAD" file is kept as it is
-  EXPECT_EQ(captured(&rc, writedbfile).substr(0, 17), "writedbfile fail:");
-  EXPECT_EQ(rc, -EIO);
-  EXPECT_EQ(readFile(path + "BAD"), bad);
-  EXPECT_TRUE(exists(path + "TMP"));
-
-  rf->shrinkOnce = true;  // allowed once
-  EXPECT_EQ(rewrite(), 0);
-  EXPECT_FALSE(rf->shrinkOnce);
-  EXPECT_EQ(rf->count, 14);
-  dropItems(3);
-  EXPECT_EQ(writedbfile(rf), -EIO);
-}
-
-TEST_F(RecordRewrite, ShrinkCheckPassesWhenOneMeasureHolds) {
-  writeFile(path, "");
-  fill(0, 10, 10);
-  ASSERT_EQ(rewrite(), 0);
-  dropItems(5);  // count halves but the bytes grow: written
-  for (Item *e = rf->list.next; e != &rf->list; e = e->next)
-    evsetTitle(e, std::string(200, 'c').c_str());
-  EXPECT_EQ(rewrite(), 0);
-  EXPECT_EQ(rf->count, 5);
-  fill(5, 7, 1);  // bytes fall, records grow: written
-  for (Item *e = rf->list.next; e != &rf->list; e = e->next) evsetTitle(e, "d");
-  long before = rf->size;
-  EXPECT_EQ(rewrite(), 0);
-  EXPECT_LT(rf->size, before);
+  struct Row {
+    int count;
+    size_t titleLength;
+    bool shrinkOnce;
+    int rc;
+  } rows[] = {
+      {20, 40, false, 0},     // about 120 bytes an item
+      {20, 22, false, 0},     // bytes near 85% (checked below), count kept
+      {15, 22, false, -EIO},  // both at 75%
+      {14, 22, false, -EIO},  // an existing "BAD" file is kept as it is
+      {14, 22, true, 0},      // allowed once
+      {3, 22, false, -EIO},   // and only once
+      {3, 400, false, 0},     // count fell, bytes grew
+      {4, 1, false, 0},       // bytes fell, count grew
+  };
+  std::string kept, bad;
+  for (const Row &r : rows) {
+    SCOPED_TRACE(testing::Message() << r.count << " items, titles of " << r.titleLength);
+    shape(r.count, r.titleLength);
+    long size = rf->size;
+    int count = rf->count;
+    rf->shrinkOnce = r.shrinkOnce;
+    int rc = 0;
+    std::string log = captured(&rc, writedbfile);
+    EXPECT_EQ(rc, r.rc);
+    if (rc == 0) {
+      ASSERT_EQ(tmprelink(rf), 0);
+      kept = readFile(path);
+      EXPECT_EQ(rf->size, long(kept.size()));
+      if (r.count == count && r.titleLength == 22) EXPECT_LT(rf->size * 100 / size, 90);
+      EXPECT_EQ(rf->count, r.count);
+      EXPECT_FALSE(rf->shrinkOnce);
+      continue;
+    }
+    if (bad.empty()) bad = readFile(path + "BAD");
+    char want[160];
+    snprintf(want, sizeof want, "writedbfile fail: incomplete write - %d/%d (observed) != %d/%d (expected)\n",
+             int(fileSize((path + (r.count == 15 ? "BAD" : "TMP")).c_str())), r.count, int(size), count);
+    EXPECT_EQ(log, want);
+    EXPECT_EQ(readFile(path), kept);  // the old file stays
+    EXPECT_EQ(readFile(path + "BAD"), bad);
+    EXPECT_EQ(std::count(bad.begin(), bad.end(), '\n'), 1 + 15 * 8);
+    EXPECT_FALSE(rf->loaded);
+    EXPECT_EQ(rf->mtime, NO_TIME);
+  }
 }
 
 TEST_F(RecordRewrite, WriteFailuresReportDiscardAndRemoveTheScratchFile) {
-  fill(0, 3, 5);
+  shape(3, 5);
   ASSERT_EQ(mkdir((path + "TMP").c_str(), 0700), 0);
   int rc = 0;
   EXPECT_EQ(captured(&rc, writedbfile), "quorvel: database write open failed:errno=21\n");
@@ -136,53 +122,29 @@ TEST_F(RecordRewrite, WriteFailuresReportDiscardAndRemoveTheScratchFile) {
   EXPECT_FALSE(rf->loaded);
   rmdir((path + "TMP").c_str());
 
-  fill(0, 3, 5);
+  shape(3, 5);
   ASSERT_EQ(symlink("/dev/full", (path + "TMP").c_str()), 0);
   EXPECT_EQ(captured(&rc, writedbfile), "quorvel: database write failed--errno=28\n");
   EXPECT_EQ(rc, ENOSPC);
   EXPECT_FALSE(exists(path + "TMP"));
   EXPECT_TRUE(evlistEmpty(&rf->list));
-
-  RecordFile *nowhere = newRecordFile(dir.at("no/such/cal").c_str(), nullptr);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(writedbfile(nowhere), ENOENT);
-  testing::internal::GetCapturedStderr();
-  freeRecordFile(nowhere);
-}
-
-TEST_F(RecordRewrite, WriteWithoutUserStateDropsTheCache) {
-  DbHandle *db = newDbHandle(dir.path.c_str(), "home", DB_KIND_LOCAL);
-  db->inMemoryOnly = true;
-  setCurrentDb(db);
-  RecordFile *cached = openRecordFile(db, path.c_str());
-  ASSERT_EQ(cachedFileCount(db), 1);
-  resetNameLookup();
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(writedbfile(cached), -1);
-  std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(log.substr(0, 17), "No user state at ");
-  EXPECT_NE(log.find(", aborting write of " + path + "\n"), std::string::npos);
-  EXPECT_EQ(db->records, nullptr);
-  EXPECT_FALSE(exists(path + "TMP"));
 }
 
 TEST_F(RecordRewrite, RelinkPutsTheNewFileInPlaceAndKeepsItsFigures) {
   writeFile(path, "old");
   writeFile(path + "sav", "stale copy");
-  fill(0, 2, 4);
+  shape(2, 4);
   ASSERT_EQ(writedbfile(rf), 0);
   std::string fresh = readFile(path + "TMP");
   rf->shrinkOnce = true;
   ASSERT_EQ(tmprelink(rf), 0);
   EXPECT_EQ(readFile(path), fresh);
-  EXPECT_FALSE(exists(path + "sav"));
-  EXPECT_FALSE(exists(path + "TMP"));
+  EXPECT_FALSE(exists(path + "sav") || exists(path + "TMP"));
   EXPECT_EQ(rf->size, long(fresh.size()));
   EXPECT_EQ(rf->mtime, fileModTime(path.c_str(), nullptr));
   EXPECT_EQ(rf->dirTime, fileModTime(dir.path.c_str(), nullptr));
   EXPECT_NE(rf->mtime, NO_TIME);
-  EXPECT_FALSE(rf->shrinkOnce);
-  EXPECT_FALSE(rf->dirty);
+  EXPECT_FALSE(rf->shrinkOnce || rf->dirty);
 }
 
 TEST_F(RecordRewrite, RelinkFailuresLeaveTheOldFileInPlace) {
@@ -201,8 +163,7 @@ TEST_F(RecordRewrite, RelinkFailuresLeaveTheOldFileInPlace) {
   EXPECT_EQ(captured(&rc, tmprelink), "tmprelink: target file " + path + " does not exist\n");
   EXPECT_EQ(rc, -ECHILD);
   EXPECT_EQ(readFile(path), "old");
-  EXPECT_FALSE(exists(path + "TMP"));
-  EXPECT_FALSE(exists(path + "sav"));
+  EXPECT_FALSE(exists(path + "TMP") || exists(path + "sav"));
 
   EXPECT_EQ(captured(&rc, tmprelink),  // no "TMP" at all: errno passed up
             "tmprelink: unable to rename " + path + "TMP to " + path + " (errno=2)!\n");
@@ -230,10 +191,11 @@ class RecordCacheTest : public ::testing::Test {
   void TearDown() override {
     resetNameLookup();
     resetDbContexts();
+    setRecordDebug(0);
   }
 };
 
-TEST_F(RecordCacheTest, ReadsOnceAndAgainWhenTheFileMoves) {
+TEST_F(RecordCacheTest, ReadsOnceAndAgainWhenTheFileMovesUnlessDirty) {
   std::string path = dir.at("cal");
   writeFile(path, "\n#T\tone\n#W\tann\n#I\t1\n\n");
   RecordFile *rf = openRecordFile(db, path.c_str());
@@ -251,7 +213,6 @@ TEST_F(RecordCacheTest, ReadsOnceAndAgainWhenTheFileMoves) {
   utimensat(AT_FDCWD, path.c_str(), times, 0);
   EXPECT_EQ(openRecordFile(db, path.c_str()), rf);
   EXPECT_EQ(rf->count, 2);
-  EXPECT_STREQ(rf->list.prev->title, "two");
 
   Item *extra = evnew();
   extra->calendars = makeSet({0});
@@ -269,7 +230,7 @@ TEST_F(RecordCacheTest, ChangedStampDropsTheCache) {
   RecordFile *rf = openRecordFile(db, path.c_str());
   ASSERT_NE(rf, nullptr);
   EXPECT_NE(db->lastSeenStamp, NO_TIME);
-  EXPECT_EQ(openRecordFile(db, path.c_str()), rf);
+  rf->count = 99;  // shows whether the file was read again
   db->lastSeenStamp -= 5;  // as if another process had touched the stamp
   RecordFile *again = openRecordFile(db, path.c_str());
   ASSERT_NE(again, nullptr);
@@ -279,10 +240,7 @@ TEST_F(RecordCacheTest, ChangedStampDropsTheCache) {
   dropFileCache(db);
   EXPECT_EQ(cachedFileCount(db), 0);
   setRecordDebug(1);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(findRecordFile(db, path.c_str()), nullptr);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "no cached file:" + path + "\n");
-  setRecordDebug(0);
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(findRecordFile(db, path.c_str()), nullptr); }), "no cached file:" + path + "\n");
 }
 
 TEST_F(RecordCacheTest, DirtyFilesAreWrittenAndTheStampMoves) {
@@ -304,7 +262,32 @@ TEST_F(RecordCacheTest, DirtyFilesAreWrittenAndTheStampMoves) {
   EXPECT_EQ(currentDb(), db);
   EXPECT_EQ(openRecordFile(db, path.c_str()), rf);  // our own write drops nothing
   EXPECT_EQ(openRecordFile(db, dir.at("clean").c_str()), clean);
-  EXPECT_EQ(writeDirtyFiles(db), 0);  // nothing dirty: nothing touched
+}
+
+// Without user state (no calendars) in the current database, reads and writes give
+// up and drop the database's cache.
+TEST_F(RecordCacheTest, WithoutUserStateReadAndWriteDropTheCache) {
+  db->inMemoryOnly = true;
+  std::string path = dir.at("cal");
+  writeFile(path, "\n#T\tx\n#W\tann\n\n");
+  for (bool reading : {true, false}) {
+    RecordFile *rf = openRecordFile(db, path.c_str());
+    ASSERT_NE(rf, nullptr);
+    EXPECT_EQ(rf->count, 1);
+    resetNameLookup();
+    rf->loaded = false;
+    std::string log = stderrOf([&] {
+      if (reading) EXPECT_EQ(openRecordFile(db, path.c_str()), nullptr);
+      else EXPECT_EQ(writedbfile(rf), -1);
+    });
+    EXPECT_EQ(log.substr(0, 17), "No user state at ");
+    EXPECT_NE(log.find(std::string(", aborting ") + (reading ? "read" : "write") + " of " + path + "\n"),
+              std::string::npos) << log;
+    EXPECT_EQ(db->records, nullptr);
+    EXPECT_EQ(db->dropRecords, nullptr);
+    EXPECT_FALSE(exists(path + "TMP"));
+    names.install();
+  }
 }
 
 }  // namespace
