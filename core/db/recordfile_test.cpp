@@ -94,7 +94,9 @@ TEST_F(RecordRewrite, ShrinkCheckRefusesOnlyWhenBothMeasuresFellBelowNinetyPerce
       ASSERT_EQ(tmprelink(rf), 0);
       kept = readFile(path);
       EXPECT_EQ(rf->size, long(kept.size()));
-      if (r.count == count && r.titleLength == 22) EXPECT_LT(rf->size * 100 / size, 90);
+      if (r.count == count && r.titleLength == 22) {
+        EXPECT_LT(rf->size * 100 / size, 90);
+      }
       EXPECT_EQ(rf->count, r.count);
       EXPECT_FALSE(rf->shrinkOnce);
       continue;
