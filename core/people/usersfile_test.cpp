@@ -105,32 +105,26 @@ TEST_F(PeopleTest, RereadsOnlyANewerNonEmptyFileAndCarriesOnlyRealChanges) {
   EXPECT_EQ(userListsEqual(main->users, main->appliedUsers), 0);
 }
 
-TEST_F(PeopleTest, ReportsAMissingOrEmptyMainFile) {
+TEST_F(PeopleTest, ReportsOnlyForTheMainFileAndReadsOthersIntoTheirOwnTables) {
   std::string path = root + "/db/users";
   EXPECT_EQ(usersFilePath(main), path);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(readUsersFile(main, &changed), -1);
-  readMain("a,b\n", 100);
-  readMain("a,b\n", 100);  // present but not newer: no report
-  readMain("#\n", 200);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "no users file (" + path + ") to access\nread no entries in users file\n");
-}
-
-TEST_F(PeopleTest, ReadsAnotherContextsFileQuietlyIntoItsOwnTable) {
-  readMain("a,b\nc,d\nmine," + me() + "\n", 100);
   DbHandle *remote = makeContext("nodeA", DB_KIND_NONE);
   testing::internal::CaptureStderr();
-  EXPECT_EQ(readUsersFile(remote, &changed), 2);  // missing
+  EXPECT_EQ(readUsersFile(main, &changed), -1);
+  readMain("a,b\nc,d\nmine," + me() + "\n", 100);
+  EXPECT_EQ(readUsersFile(remote, &changed), 2);  // missing: the own calendar
+  EXPECT_EQ(readMain("a,b\n", 100), 2);  // present but not newer: no report
+  readMain("#\n", 200);
   writeAt("db/remoteUsers/nodeA", "#\n", 50);
   readUsersFile(remote, &changed);  // empty
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "no users file (" + path + ") to access\nread no entries in users file\n");
   EXPECT_EQ(remote->remoteNodeNumber, 0);
   writeAt("db/remoteUsers/nodeA", "r1,l1\nmine,l2\n", 100);
   // The own name is looked up in the table of the context being read.
   EXPECT_EQ(readUsersFile(remote, &changed), 1);
   EXPECT_EQ(changed, 1);
-  EXPECT_EQ(entriesOf(remote->users).size(), 2u);
+  EXPECT_EQ(remote->users->count, 2);
   EXPECT_EQ(lookupCalendar(remote, "r1"), 0);
   EXPECT_EQ(lookupCalendar(main, "r1"), -1);
   EXPECT_EQ(currentDb(), main);
