@@ -134,7 +134,9 @@ size_t bufUsed(const Buf *buf) {
 }
 size_t bufSize(const Buf *buf) { return buf->size; }
 uint8_t *bufData(const Buf *buf) { return buf->data; }
-uint8_t *bufAt(const Buf *buf, size_t offset) { return buf->data + offset; }
+uint8_t *bufAt(const Buf *buf, size_t offset) {
+  return buf->data == nullptr ? nullptr : buf->data + offset;
+}
 uint8_t *bufPosition(const Buf *buf) {
   return buf->cursor == nullptr ? buf->data : buf->cursor;
 }

@@ -46,6 +46,7 @@ void allocbits(CalSet *set, int n) {
     *set = nullptr;
     return;
   }
+  if (n > 0xFFFF) n = 0xFFFF;  // the bit count is a 16-bit word
   int old = setBitCount(*set);
   int oldBytes = setByteSize(*set);
   int bytes = bytesFor(n);

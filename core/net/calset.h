@@ -31,8 +31,9 @@ inline constexpr const char *ALL_NAMES = "__ALL__";
 
 /* ---- The bit set -------------------------------------------------------------- */
 
-// Resizes *set to n bits: n 0 frees it (null); added bits are zero; shrinking clears
-// the bits of the last word from n % 16 up. Out of memory reports "allocbits".
+// Resizes *set to n bits (at most 65535, what word 0 holds): n 0 frees it (null); added
+// bits are zero; shrinking clears the bits of the last word from n % 16 up. Out of
+// memory reports "allocbits".
 void allocbits(CalSet *set, int n);
 // Sets (on != 0) or clears bit i, growing the set to i + 1 bits when needed; i < 0
 // does nothing.

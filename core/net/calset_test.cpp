@@ -89,6 +89,9 @@ TEST_F(CalSetTest, SetbitAndAllocbitsKeepBitPositions) {
   allocbits(&set, 16);  // a multiple of 16 drops whole words
   EXPECT_EQ(setByteSize(set), 4);
   EXPECT_EQ(setMembers(set), 16);
+  allocbits(&set, 70000);  // beyond what word 0 holds: the largest set
+  EXPECT_EQ(setBitCount(set), 0xFFFF);
+  EXPECT_EQ(setByteSize(set), 4096 * 2 + 2);
   allocbits(&set, 0);
   EXPECT_EQ(set, nullptr);
 }
