@@ -54,15 +54,6 @@ std::vector<uint8_t> native(std::initializer_list<T> values) {
 
 std::vector<uint8_t> text(const char *s) { return std::vector<uint8_t>(s, s + strlen(s)); }
 
-TEST_F(BufTest, NewBufStartsEmptyWithMarksAndLimits) {
-  EXPECT_TRUE(b->data == nullptr && bufPosition(b) == nullptr && bufSize(b) == 0);
-  EXPECT_EQ(bufMarkA(b) & bufMarkB(b), INT32_MIN);
-  EXPECT_EQ(b->limitA, 3000);
-  EXPECT_EQ(b->limitB, 1024);
-  EXPECT_EQ(b->count | b->status | b->owner | b->guard | b->statusRepeats, 0);
-  EXPECT_EQ(b->peerMajor | b->peerMinor | b->extended, 0);
-}
-
 TEST_F(BufTest, StuffBufPadsFieldsToFourBytesAndReadBufTakesThemBack) {
   struct Row {
     std::vector<uint8_t> payload;
@@ -214,7 +205,17 @@ TEST_F(BufTest, PeekTagAndSkipFieldStayWithinTheStorage) {
             "ReadBuf: overflowed buffer\n");
 }
 
-TEST_F(BufTest, RewindSeekClearAndStatusRepeats) {
+// What a new and a cleared buffer share: no storage, no marks, callers' words 0, limits.
+void expectEmpty(const Buf *b) {
+  EXPECT_TRUE(b->data == nullptr && bufPosition(b) == nullptr && bufSize(b) == 0);
+  EXPECT_EQ(bufMarkA(b) & bufMarkB(b), INT32_MIN);
+  EXPECT_EQ(b->status | b->owner | b->unused1 | b->unused2 | b->unused3 | b->extended, 0);
+  EXPECT_TRUE(b->limitA == 3000 && b->limitB == 1024);
+}
+
+TEST_F(BufTest, NewRewindSeekClearAndStatusRepeats) {
+  expectEmpty(b);
+  EXPECT_EQ(b->count | b->guard | b->statusRepeats | b->peerMajor | b->peerMinor, 0);
   for (int32_t status : {5, -3}) setBufStatus(b, status);
   EXPECT_TRUE(bufFailed(b) && bufStatusRepeats(b) == 2);
   setBufStatus(b, 0);
@@ -235,15 +236,11 @@ TEST_F(BufTest, RewindSeekClearAndStatusRepeats) {
   EXPECT_EQ(bufUsed(b), 5u);
   zeroBuf(b, 4);
   EXPECT_EQ(hex(0, 8), "00000000 65666768");
-
   b->extended = 1;
   setBufStatus(b, 9);
   setBufMarkA(b, 3);
   clearBuf(b);
-  EXPECT_TRUE(b->data == nullptr && b->cursor == nullptr && bufSize(b) == 0);
-  EXPECT_EQ(bufOwner(b) | bufStatus(b) | b->extended, 0);
-  EXPECT_EQ(bufMarkA(b), INT32_MIN);
-  EXPECT_EQ(b->limitA, 3000);  // the limits stay
+  expectEmpty(b);
 }
 
 TEST(BufDeath, OutOfMemoryNamesTheRoutine) {
