@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "core/db/record_crash_items.h"
 #include "core/db/record_test_util.h"
 #include "core/db/recordfile.h"
 
@@ -36,30 +35,12 @@ int __real_rename(const char *from, const char *to);
 int __real_unlink(const char *path);
 int __real_link(const char *from, const char *to);
 
-size_t __wrap_fwrite(const void *p, size_t size, size_t n, FILE *fp) {
-  step();
-  return __real_fwrite(p, size, n, fp);
-}
-int __wrap_fsync(int fd) {
-  step();
-  return __real_fsync(fd);
-}
-int __wrap_fclose(FILE *fp) {
-  step();
-  return __real_fclose(fp);
-}
-int __wrap_rename(const char *from, const char *to) {
-  step();
-  return __real_rename(from, to);
-}
-int __wrap_unlink(const char *path) {
-  step();
-  return __real_unlink(path);
-}
-int __wrap_link(const char *from, const char *to) {
-  step();
-  return __real_link(from, to);
-}
+size_t __wrap_fwrite(const void *p, size_t size, size_t n, FILE *fp) { return step(), __real_fwrite(p, size, n, fp); }
+int __wrap_fsync(int fd) { return step(), __real_fsync(fd); }
+int __wrap_fclose(FILE *fp) { return step(), __real_fclose(fp); }
+int __wrap_rename(const char *from, const char *to) { return step(), __real_rename(from, to); }
+int __wrap_unlink(const char *path) { return step(), __real_unlink(path); }
+int __wrap_link(const char *from, const char *to) { return step(), __real_link(from, to); }
 }
 
 int main(int argc, char **argv) {

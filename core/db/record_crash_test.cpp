@@ -13,7 +13,6 @@
 
 #include "core/db/db_test_util.h"
 #include "core/db/record.h"
-#include "core/db/record_crash_items.h"
 #include "core/db/record_test_util.h"
 #include "core/db/recordfile.h"
 

@@ -22,13 +22,13 @@ endif()
 
 # The crash test kills a helper program (not the product) part-way through rewrites.
 if(QV_TESTS)
-  add_executable(record_crash_child record_crash_child.cpp record_crash_items.cpp record_test_util.cpp)
+  add_executable(record_crash_child record_crash_child.cpp record_test_util.cpp)
   target_link_libraries(record_crash_child PRIVATE qv_db)
   target_link_options(record_crash_child PRIVATE
     "LINKER:--wrap=fwrite,--wrap=fsync,--wrap=fclose,--wrap=rename,--wrap=unlink,--wrap=link")
 endif()
 qv_test(qv_record_crash_test
-  SOURCES record_crash_test.cpp record_crash_items.cpp record_test_util.cpp db_test_util.cpp
+  SOURCES record_crash_test.cpp record_test_util.cpp db_test_util.cpp
   LIBS qv_db)
 if(TARGET qv_record_crash_test)
   add_dependencies(qv_record_crash_test record_crash_child)
