@@ -65,7 +65,7 @@ Item *fullItem(const char *dbName) {
   it->timeValue = TimeRange{{1000, 1, 2}, {2000, 3, 4}};
   it->value8 = DateTime{3000, 5, 6};
   Popup *p = addPopup(it);
-  *p = Popup{strdup("note"), 0x30, -7, nullptr, nullptr};
+  *p = Popup{strdup("note"), 0x30, -7, nullptr, nullptr};  // (sets filled below)
   setbit(&p->setS, 2, 1);
   setbit(&p->setR, 3, 1);
   *addAlarmEntry(it) = Alarm{2, 15, 5, strdup("ring")};
@@ -75,18 +75,15 @@ Item *fullItem(const char *dbName) {
   l->label = strdup("room");
   setbit(&l->set, 6, 1);
   evsetDbName(it, dbName);
-  it->randomId = 777;
-  it->chainKey = 0x1234;
-  it->hNumber = 11;
-  it->aNumber = 12;
-  it->fNumber = 13;
-  it->eNumber = 14;
-  it->gNumber = 15;
-  it->dbFlag = 1;
-  it->typeLetter = 'd';
-  it->linkByte = 3;
+  int32_t number = 11;
+  for (int32_t Item::*n : {&Item::randomId, &Item::hNumber, &Item::aNumber, &Item::fNumber,
+                           &Item::eNumber, &Item::gNumber})
+    it->*n = number++;
+  uint8_t flag = 1;
+  for (uint8_t Item::*f : {&Item::dbFlag, &Item::typeLetter, &Item::linkByte, &Item::kFlag})
+    it->*f = flag++;
   it->gFlag = 0;
-  it->kFlag = 1;
+  it->chainKey = 0x1234;
   return it;
 }
 
