@@ -13,12 +13,6 @@ if(TARGET qv_testing)
   target_link_libraries(gateway_agent PRIVATE qv_testing)
 endif()
 
-# The runner that takes turns between the programs it measures, and webquorvel linked
-# fully static: the same program without the dynamic loader's start-up, for comparison.
+# The runner that takes turns between the programs it measures.
 add_executable(gateway_runner ${CMAKE_CURRENT_LIST_DIR}/gateway_runner.c)
 target_compile_options(gateway_runner PRIVATE -O2)
-if(TARGET qv_gateway AND NOT QV_SANITIZE AND NOT QV_FUZZ)
-  add_executable(gateway_static ${CMAKE_SOURCE_DIR}/gateway/main.cpp)
-  target_link_libraries(gateway_static PRIVATE qv_gateway)
-  target_link_options(gateway_static PRIVATE -static)
-endif()

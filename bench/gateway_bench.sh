@@ -6,8 +6,8 @@
 # overwriting the previous request's files outside tmp/ (measured against the floor
 # writing fresh files). The programs run as a web server would run them: from cgi-bin/
 # beside htdocs/, QUERY_STRING set, output discarded. gateway_runner takes turns between
-# webquorvel, webquorvel linked fully static, and the floor, and reports medians and the
-# peak resident set (ru_maxrss) of each.
+# webquorvel and the floor, and reports medians and the peak resident set (ru_maxrss)
+# of each.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 runs=${1:-400}
@@ -16,13 +16,12 @@ bash scripts/setup.sh
 build=$PWD/build-bench-web
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQV_BENCH=ON -DQV_TESTS=OFF \
   -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" -DCMAKE_C_FLAGS_RELEASE="-O2 -DNDEBUG" >/dev/null
-ninja -C "$build" webquorvel gateway_floor gateway_agent gateway_runner gateway_static >/dev/null
+ninja -C "$build" webquorvel gateway_floor gateway_agent gateway_runner >/dev/null
 
 root=$build/gwroot
 rm -rf "$root"
 bash scripts/webroot.sh "$root" "$build/gateway/webquorvel" 8080
 cp "$build/bench/gateway_floor" "$root/cgi-bin/floor"
-cp "$build/bench/gateway_static" "$root/cgi-bin/static"
 work=$build/gwbench
 rm -rf "$work"; mkdir -p "$work"
 
@@ -41,12 +40,12 @@ start_agent() {
 }
 
 # measure NAME KIND N REPLY_BYTES [FLOOR_FROM]: one scenario, a table row on stdout. The
-# runner takes turns between the gateway, the gateway linked static, and the floor.
+# runner takes turns between the gateway and the floor.
 measure() {
-  local name=$1 kind=$2 n=$3 bytes=$4 floorFrom=${5:-} programs=(./webquorvel ./static ./floor)
+  local name=$1 kind=$2 n=$3 bytes=$4 floorFrom=${5:-} programs=(./webquorvel ./floor)
   # The floor truncates files with fopen "w"; kept out of the overwrite scenario, it
   # leaves the gateway to overwrite its own files of the previous request.
-  [ -z "$floorFrom" ] || programs=(./webquorvel ./static)
+  [ -z "$floorFrom" ] || programs=(./webquorvel)
   start_agent "$kind" "$n"
   (cd "$root/cgi-bin" && "$build/bench/gateway_runner" "$runs" 20 "${programs[@]}") \
     >"$work/$name.txt"
@@ -54,15 +53,14 @@ measure() {
   local f=$work/${floorFrom:-$name}.txt
   awk -v n="$name" -v b="$bytes" '
     NR == FNR && $1 == "./webquorvel" { g = $2; g25 = $3; g75 = $4; peak = $5 }
-    NR == FNR && $1 == "./static" { s = $2 }
     NR != FNR && $1 == "./floor" { floor = $2 }
     END {
-      printf "| %s | %.0f (%.0f-%.0f) | %.0f | %.0f | %.2fx | %.2fx | %d | %d |\n", n, g, g25, g75,
-             s, floor, g / floor, s / floor, peak, (2 * b) / 1024 + 2048 }' "$work/$name.txt" "$f"
+      printf "| %s | %.0f (%.0f-%.0f) | %.0f | %.2fx | %d | %d |\n", n, g, g25, g75,
+             floor, g / floor, peak, (2 * b) / 1024 + 2048 }' "$work/$name.txt" "$f"
 }
 
-echo "| scenario | gateway median µs (p25-p75) | gateway static µs | floor µs | ratio | static ratio | gateway peak KiB | memory bound KiB |"
-echo "|---|---|---|---|---|---|---|---|"
+echo "| scenario | gateway median µs (p25-p75) | floor µs | ratio | gateway peak KiB | memory bound KiB |"
+echo "|---|---|---|---|---|---|"
 measure page-1KiB page 1024 1024
 measure page-64KiB page 65536 65536
 measure page-1MiB page 1048576 1048576
