@@ -2,7 +2,6 @@
 // form, and the record-file text form with its list-defaults rule.
 #include "core/date/datetime.h"
 
-#include <cctype>
 #include <cstring>
 
 namespace quorvel {
@@ -27,6 +26,14 @@ uint32_t get32(const uint8_t *in) {
 
 uint16_t get16(const uint8_t *in) { return uint16_t(in[0] << 8 | in[1]); }
 
+// The value of a hexadecimal digit, or -1. (Not isxdigit: record files are mostly
+// hexadecimal date-times, and the locale-aware call costs more than the digit.)
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  char lower = char(c | 0x20);
+  return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
 // Reads "0x<hex>" at *text (after blanks), moving *text past it; false when absent
 // or out of range for max. (Digits are taken by hand: strtoul would also take a
 // second "0x" prefix, a sign or blanks after the first one.)
@@ -35,10 +42,9 @@ bool readHex(const char **text, uint64_t max, uint64_t *value) {
   while (*p == ' ' || *p == '\t') p++;
   if (p[0] != '0' || (p[1] != 'x' && p[1] != 'X')) return false;
   p += 2;
-  if (!isxdigit(static_cast<unsigned char>(*p))) return false;
+  if (hexDigit(*p) < 0) return false;
   uint64_t v = 0;
-  for (; isxdigit(static_cast<unsigned char>(*p)); p++) {
-    int digit = isdigit(static_cast<unsigned char>(*p)) ? *p - '0' : (*p | 0x20) - 'a' + 10;
+  for (int digit; (digit = hexDigit(*p)) >= 0; p++) {
     if (v > (max - uint64_t(digit)) / 16) return false;
     v = v * 16 + uint64_t(digit);
   }
