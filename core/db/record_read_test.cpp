@@ -108,10 +108,11 @@ TEST_F(RecordRead, AcceptsEveryFormOfLineAWriterOrEditorLeaves) {
        "#W\tann,\\\n\tbob,\\\n\tcarl\n\n",
        head + "#T\tStand-up\n#B\t0x30\n#F\t0x40 @0x5\n#W\tann,bob,carl\n\n"},
       // Unknown tags, the G line and lines without "#" are skipped; a Z line of an
-      // unknown name is kept but not written; absent numbers stay unset.
-      {head + "#T\tx\n#G\tignored\n#x\tunknown\nnot a record line\n#W\tann\n#Z\tnobody\n#Q\t0x60\n"
+      // unknown name is kept but not written; absent numbers stay unset; hexadecimal
+      // digits in either case.
+      {head + "#T\tx\n#B\t0X1F @0xA\n#G\tignored\n#x\tunknown\nnot a record line\n#W\tann\n#Z\tnobody\n#Q\t0x60\n"
               "#Z\tdora\n#Q\t0x50 @0x6 %0x7\n#d\t-5\n\n",
-       head + "#T\tx\n#B\t0x80000000 @0x0 %0x0\n#F\t0x80000000 @0x0 %0x0\n#W\tann\n#Z\tdora\n#Q\t0x50 @0x6 %0x7\n#d\t-5\n\n"},
+       head + "#T\tx\n#B\t0x1f @0xa\n#F\t0x80000000 @0x0 %0x0\n#W\tann\n#Z\tdora\n#Q\t0x50 @0x6 %0x7\n#d\t-5\n\n"},
       // Entries: the owner of the V set, a popup title with blanks, K label and set.
       {head + "#T\ty\n#W\tbob\n#P\tA b c 0x10\n#r\t__ALL__\n#A\t5,10\n#V\tbob\n#K\tteam:bob,dora\n#I\t77\n#L\t2\n\n",
        head + "#T\ty\n#B\t0x80000000 @0x0 %0x0\n#F\t0x80000000 @0x0 %0x0\n#W\tbob\n#P\tA b c 0x10\n#r\t__ALL__\n#A\t5,10\n#V\tbob\n"
