@@ -1,6 +1,5 @@
 // Tests of the rewrite of a record file on the real file system: the shrink check and
-// its "BAD" file, writedbfile's failures, tmprelink's results, the missing user state,
-// and the cache that reads, re-reads, writes back and is dropped with the change stamp.
+// its "BAD" file, writedbfile's failures, the missing user state, and the cache that reads, re-reads, writes back and is dropped with the change stamp.
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
@@ -130,48 +129,6 @@ TEST_F(RecordRewrite, WriteFailuresReportDiscardAndRemoveTheScratchFile) {
   EXPECT_EQ(rc, ENOSPC);
   EXPECT_FALSE(exists(path + "TMP"));
   EXPECT_TRUE(evlistEmpty(&rf->list));
-}
-
-TEST_F(RecordRewrite, RelinkPutsTheNewFileInPlaceAndKeepsItsFigures) {
-  writeFile(path, "old");
-  writeFile(path + "sav", "stale copy");
-  shape(2, 4);
-  ASSERT_EQ(writedbfile(rf), 0);
-  std::string fresh = readFile(path + "TMP");
-  rf->shrinkOnce = true;
-  ASSERT_EQ(tmprelink(rf), 0);
-  EXPECT_EQ(readFile(path), fresh);
-  EXPECT_FALSE(exists(path + "sav") || exists(path + "TMP"));
-  EXPECT_EQ(rf->size, long(fresh.size()));
-  EXPECT_EQ(rf->mtime, fileModTime(path.c_str(), nullptr));
-  EXPECT_EQ(rf->dirTime, fileModTime(dir.path.c_str(), nullptr));
-  EXPECT_NE(rf->mtime, NO_TIME);
-  EXPECT_FALSE(rf->shrinkOnce || rf->dirty);
-}
-
-TEST_F(RecordRewrite, RelinkFailuresLeaveTheOldFileInPlace) {
-  int rc = 0;
-  writeFile(path + "TMP", "new");  // no file to move aside: the odd -1 is kept
-  rf->loaded = true;
-  rf->mtime = 5;
-  EXPECT_EQ(captured(&rc, tmprelink), "tmprelink: unable to rename " + path + " (errno=-1)!\n");
-  EXPECT_EQ(rc, -1);
-  EXPECT_FALSE(rf->loaded);
-  EXPECT_EQ(rf->mtime, NO_TIME);
-  EXPECT_EQ(readFile(path + "TMP"), "new");
-
-  writeFile(path, "old");
-  writeFile(path + "TMP", "");  // an empty new file is not put in place
-  EXPECT_EQ(captured(&rc, tmprelink), "tmprelink: target file " + path + " does not exist\n");
-  EXPECT_EQ(rc, -ECHILD);
-  EXPECT_EQ(readFile(path), "old");
-  EXPECT_FALSE(exists(path + "TMP") || exists(path + "sav"));
-
-  EXPECT_EQ(captured(&rc, tmprelink),  // no "TMP" at all: errno passed up
-            "tmprelink: unable to rename " + path + "TMP to " + path + " (errno=2)!\n");
-  EXPECT_EQ(rc, ENOENT);
-  EXPECT_EQ(readFile(path), "old");
-  EXPECT_FALSE(exists(path + "sav"));
 }
 
 /* ---- The cache -------------------------------------------------------------------- */

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/db/db_test_util.h"
+#include "core/db/layout.h"
 #include "core/db/record_test_util.h"
 #include "core/db/recordfile.h"
 
@@ -115,6 +116,8 @@ TEST_F(RecordFaults, RelinkFailuresReportAndLeaveOldOrNewFileInPlace) {
       // Moving the old file aside: every failure gives the wrapper's -1, kept as it is.
       {{{"rename", "/cal", EACCES, false}}, "tmprelink: unable to rename @ (errno=-1)!\n", -1, false, {}},
       {{{"rename", "/cal", EBUSY, false}}, "tmprelink: unable to rename @ (errno=-1)!\n", -1, false, {1, 1, 1}},
+      // The new file is empty after its rename: removed, the old one put back.
+      {{{"stat", "cal", 0, true}}, "tmprelink: target file @ does not exist\n", -ECHILD, false, {}},
   };
   for (const Row &r : rows) {
     SCOPED_TRACE(r.log);
@@ -125,6 +128,8 @@ TEST_F(RecordFaults, RelinkFailuresReportAndLeaveOldOrNewFileInPlace) {
     faults = r.plan;
     calls.clear();
     resetDbTestState();
+    rf->loaded = true;
+    rf->mtime = 5;
     int rc = 0;
     std::string log = stderrOf([&] { rc = tmprelink(rf); });
     faults.clear();
@@ -134,6 +139,9 @@ TEST_F(RecordFaults, RelinkFailuresReportAndLeaveOldOrNewFileInPlace) {
     EXPECT_EQ(rc, r.rc);
     EXPECT_EQ(readFile(path), r.newInPlace ? fresh : "old contents\n");
     EXPECT_EQ(recordedPauses(), r.pauses);
+    EXPECT_EQ(exists(path + "sav"), r.newInPlace);  // kept only when its unlink failed
+    EXPECT_EQ(rf->loaded, r.rc != -1);  // a file that could not be moved aside is read again
+    EXPECT_EQ(rf->mtime == NO_TIME, r.rc == -1);
     long movesAside = std::count(calls.begin(), calls.end(), "rename cal calsav");
     EXPECT_EQ(movesAside, r.pauses.empty() ? 1 : 4);
   }
@@ -151,12 +159,22 @@ TEST_F(RecordFaults, ScratchFileMissingEmptyOrUnsyncedIsRefused) {
   EXPECT_EQ(readFile(path), "old contents\n");
 }
 
-TEST_F(RecordFaults, ScratchFileIsSyncedBeforeItsRenameAndTheDirectoryAfter) {
+TEST_F(RecordFaults, RewriteSyncsRenamesAndKeepsTheNewFilesFigures) {
+  writeFile(path + "sav", "stale copy");
+  rf->shrinkOnce = true;
   ASSERT_EQ(writedbfile(rf), 0);
+  std::string fresh = readFile(path + "TMP");
   ASSERT_EQ(tmprelink(rf), 0);
-  std::vector<std::string> want = {"fsync calTMP", "rename cal calsav", "rename calTMP cal",
+  std::vector<std::string> want = {"fsync calTMP", "unlink calsav", "rename cal calsav", "rename calTMP cal",
                                    "fsync " + base(dir.path), "unlink calsav"};
   EXPECT_EQ(calls, want);
+  EXPECT_EQ(readFile(path), fresh);
+  EXPECT_FALSE(exists(path + "sav") || exists(path + "TMP"));
+  EXPECT_EQ(rf->size, long(fresh.size()));
+  EXPECT_EQ(rf->mtime, fileModTime(path.c_str(), nullptr));
+  EXPECT_EQ(rf->dirTime, fileModTime(dir.path.c_str(), nullptr));
+  EXPECT_NE(rf->mtime, NO_TIME);
+  EXPECT_FALSE(rf->shrinkOnce || rf->dirty);
 }
 
 }  // namespace
