@@ -23,7 +23,7 @@ constexpr int ITEMS = 3000;  // about 300 KB: several writes of the output buffe
 
 struct ChildRun {
   int status = 0;
-  std::string out;
+  std::string out;  // what the child printed: the number of steps it took
 };
 
 // Runs the child for generation g. crashStep > 0 makes it kill itself before that
@@ -48,12 +48,13 @@ ChildRun runChild(const std::string &path, int g, long crashStep, long killAfter
     kill(pid, SIGKILL);
   }
   char buf[256];
-  ssize_t n;
-  while ((n = read(fds[0], buf, sizeof buf)) > 0) run.out.append(buf, size_t(n));
+  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) run.out.append(buf, size_t(n));
   close(fds[0]);
   waitpid(pid, &run.status, 0);
   return run;
 }
+
+bool exitedOk(const ChildRun &run) { return WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0; }
 
 class RecordCrash : public ::testing::Test {
  protected:
@@ -98,7 +99,7 @@ class RecordCrash : public ::testing::Test {
   }
   void rewriteToCompletion() {
     ChildRun run = runChild(path, current + 1, 0, -1);
-    ASSERT_TRUE(WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0) << run.status;
+    ASSERT_TRUE(exitedOk(run)) << run.status;
     current++;
     ASSERT_EQ(readFile(path), text(current));
   }
@@ -118,8 +119,7 @@ TEST_F(RecordCrash, KillAtEveryStepLeavesOldOrNewContents) {
     ASSERT_TRUE(WIFSIGNALED(run.status) && WTERMSIG(run.status) == SIGKILL) << run.status;
     killed++;
     expectOldOrNew(current + 1, "killed at step " + std::to_string(k));
-    ChildRun after = runChild(path, current + 1, 0, -1);  // the next rewrite works
-    EXPECT_TRUE(WIFEXITED(after.status) && WEXITSTATUS(after.status) == 0) << "after step " << k;
+    EXPECT_TRUE(exitedOk(runChild(path, current + 1, 0, -1))) << "next rewrite after step " << k;
     current++;
     EXPECT_EQ(readsBack(), text(current));
   }
@@ -138,7 +138,7 @@ TEST_F(RecordCrash, KillAtRandomMomentsLeavesOldOrNewContents) {
     long us = delay(rng);
     ChildRun run = runChild(path, current + 1, 0, us);
     if (WIFEXITED(run.status)) {
-      ASSERT_EQ(WEXITSTATUS(run.status), 0);
+      ASSERT_TRUE(exitedOk(run));
       ASSERT_EQ(readFile(path), text(current + 1));
       current++;
       continue;
