@@ -28,6 +28,7 @@ static constexpr int EAGAIN_ROUNDS = 20;    // idle count at which EAGAIN gives 
 static constexpr int EMPTY_READS = 100;     // idle count past which empty reads give up
 static constexpr long FIRST_READ = 256;     // size of the first read and first buffer
 static constexpr long HEADER_BYTES = 12;
+static constexpr long ADOPT_MIN = 16384;    // contents at least this long take the buffer
 
 /* ==== Pair lists and buffers ======================================================== */
 
@@ -355,8 +356,17 @@ static char *copyBytes(const char *from, long n) {
   return text;
 }
 
-// Decodes entry i at msg[at]; returns the entry length or -3.
-static long decodeEntry(const char *msg, long length, long at, NamePair *pair) {
+// Where the contents of the one pair that takes over the received buffer lie.
+struct Adoption {
+  int index;    // the pair, or -1 for none
+  long offset;  // its contents in the message
+  long length;
+};
+
+// Decodes entry i at msg[at]; returns the entry length or -3. When `adopt` is given and
+// has no pair yet, large contents are not copied but noted there for the caller.
+static long decodeEntry(const char *msg, long length, long at, NamePair *pair,
+                        Adoption *adopt, int index) {
   if (length - at < 8) return -3;  // the entry's words must lie inside the message
   long entryLen = getWord(msg + at + 4);  // the entry's own magic is not checked
   if (entryLen > AGENT_MAX_TOTAL || entryLen > length - at) return -3;
@@ -367,11 +377,18 @@ static long decodeEntry(const char *msg, long length, long at, NamePair *pair) {
   long padded = roundUp(nameLen + 1, 4);
   if (padded > AGENT_MAX_NAME || padded > entryLen - 8) return -3;
   pair->name = copyBytes(msg + at + 8, padded);
-  pair->contents = copyBytes(msg + at + 8 + padded, entryLen - 8 - padded);
+  long contentsLen = entryLen - 8 - padded;
+  if (adopt && adopt->index < 0 && contentsLen >= ADOPT_MIN)
+    *adopt = Adoption{index, at + 8 + padded, contentsLen};
+  else
+    pair->contents = copyBytes(msg + at + 8 + padded, contentsLen);
   return entryLen;
 }
 
-int decodeAgentMessage(const char *msg, long length, int count, NamePair **pairs) {
+// Decodes every entry into a new list. With `adopt`, the first large contents are
+// left for the caller (see readAgentReply). Returns 0 or -3.
+static int decodeEntries(const char *msg, long length, int count, NamePair **pairs,
+                         Adoption *adopt) {
   *pairs = nullptr;
   // Every entry takes at least 12 bytes: a count the message cannot hold is malformed,
   // and is refused before the list is allocated.
@@ -379,7 +396,7 @@ int decodeAgentMessage(const char *msg, long length, int count, NamePair **pairs
   NamePair *list = newPairList(count + 1);
   long at = HEADER_BYTES;
   for (int i = 0; i < count; i++) {
-    long step = decodeEntry(msg, length, at, &list[i]);
+    long step = decodeEntry(msg, length, at, &list[i], adopt, i);
     if (step < 0) {
       freePairList(list);
       return -3;
@@ -390,14 +407,31 @@ int decodeAgentMessage(const char *msg, long length, int count, NamePair **pairs
   return 0;
 }
 
+int decodeAgentMessage(const char *msg, long length, int count, NamePair **pairs) {
+  return decodeEntries(msg, length, count, pairs, nullptr);
+}
+
 int readAgentReply(int sock, int timeoutSeconds, char **buffer, int *count, NamePair **pairs,
                    int wait) {
   *pairs = nullptr;
   int result = WebSockRead(sock, timeoutSeconds, buffer, count, wait);
   if (result != 0) return result;
   long length = static_cast<long>(getWord(*buffer + 8));
-  result = decodeAgentMessage(*buffer, length, *count, pairs);
-  freeMem(*buffer);
+  Adoption adopt{-1, 0, 0};
+  result = decodeEntries(*buffer, length, *count, pairs, &adopt);
+  if (result == 0 && adopt.index >= 0) {
+    // The received buffer is released here anyway. Rather than copy the page (up to
+    // 1 MiB) into fresh memory, whose first touch costs a page fault every 4 KiB, its
+    // bytes move to the front of the buffer and the buffer becomes that pair's
+    // contents: the same bytes, NUL-terminated, owned by the pair as any other.
+    char *text = *buffer;
+    memmove(text, text + adopt.offset, static_cast<size_t>(adopt.length));
+    text[adopt.length] = '\0';
+    char *fitted = static_cast<char *>(allocMem(text, static_cast<size_t>(adopt.length) + 1));
+    (*pairs)[adopt.index].contents = fitted ? fitted : text;
+  } else {
+    freeMem(*buffer);
+  }
   *buffer = nullptr;
   return result;
 }

@@ -123,6 +123,18 @@ TEST_F(LinkTest, EnforcesTheReceiptLimits) {
   }
 }
 
+TEST_F(LinkTest, LargeContentsArriveWholeBesideTheOtherPairs) {
+  // The first large contents take over the received buffer; the others are copied.
+  std::string first(70001, 'a'), second(65536, 'b');
+  start({scripted(AgentMode::Pairs, {{"tmp/a", first}, {"", second}, {"c", "small"}})});
+  ASSERT_EQ(exchange("q"), 0);
+  ASSERT_EQ(countPairs(pairs), 3);
+  EXPECT_STREQ(pairs[0].name, "tmp/a");
+  EXPECT_EQ(std::string(pairs[0].contents), first);
+  EXPECT_EQ(std::string(pairs[1].contents), second);
+  EXPECT_STREQ(pairs[2].contents, "small");
+}
+
 TEST(DecodeAgentMessage, RefusesEntriesThatBreakTheLimitsOrDoNotFit) {
   std::string e = entry("name", "contents");
   struct Row { std::string msg; int count, result; } rows[] = {
