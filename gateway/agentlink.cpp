@@ -64,17 +64,6 @@ void growMsg(AgentMsg *msg, long extra) {
   msg->size += extra;
 }
 
-static void putWord(char *at, uint32_t value) {
-  uint32_t net = htonl(value);
-  memcpy(at, &net, 4);
-}
-
-static uint32_t getWord(const char *at) {
-  uint32_t net;
-  memcpy(&net, at, 4);
-  return ntohl(net);
-}
-
 /* ==== Connection ====================================================================== */
 
 bool isDottedAddress(const char *text) { return text && text[0] >= '0' && text[0] <= '9'; }
@@ -169,17 +158,17 @@ int WebSockWrite(int sock, int timeoutSeconds, const NamePair *pairs) {
   }
   AgentMsg msg{nullptr, 0};
   growMsg(&msg, total);
-  putWord(msg.bytes, AGENT_MAGIC);
-  putWord(msg.bytes + 4, static_cast<uint32_t>(n));
-  putWord(msg.bytes + 8, static_cast<uint32_t>(total));
+  putWord32(msg.bytes, AGENT_MAGIC);
+  putWord32(msg.bytes + 4, static_cast<uint32_t>(n));
+  putWord32(msg.bytes + 8, static_cast<uint32_t>(total));
   long at = HEADER_BYTES;
   for (int i = 0; i < n; i++) {
     long start = at;
     at += 8;
     at += putPadded(msg.bytes + at, pairs[i].name);
     at += putPadded(msg.bytes + at, pairs[i].contents);
-    putWord(msg.bytes + start, AGENT_MAGIC);
-    putWord(msg.bytes + start + 4, static_cast<uint32_t>(at - start));
+    putWord32(msg.bytes + start, AGENT_MAGIC);
+    putWord32(msg.bytes + start + 4, static_cast<uint32_t>(at - start));
   }
   if (at != total) {
     fputs("doWebSockWrite: lengths do not match\n", stderr);
@@ -256,9 +245,9 @@ struct ReadState {
 // Takes the header once 12 bytes are in hand (a header split over several reads is
 // gathered first). Returns 0 or -3.
 static int takeHeader(ReadState *st) {
-  if (getWord(st->msg.bytes) != AGENT_MAGIC) return -3;
-  st->count = static_cast<int>(getWord(st->msg.bytes + 4));
-  auto total = static_cast<int32_t>(getWord(st->msg.bytes + 8));
+  if (getWord32(st->msg.bytes) != AGENT_MAGIC) return -3;
+  st->count = static_cast<int>(getWord32(st->msg.bytes + 4));
+  auto total = static_cast<int32_t>(getWord32(st->msg.bytes + 8));
   if (total < 0 || total > AGENT_MAX_TOTAL) return -3;
   st->headerPending = false;
   st->remaining = total;
@@ -368,7 +357,7 @@ struct Adoption {
 static long decodeEntry(const char *msg, long length, long at, NamePair *pair,
                         Adoption *adopt, int index) {
   if (length - at < 8) return -3;  // the entry's words must lie inside the message
-  long entryLen = getWord(msg + at + 4);  // the entry's own magic is not checked
+  long entryLen = getWord32(msg + at + 4);  // the entry's own magic is not checked
   if (entryLen > AGENT_MAX_TOTAL || entryLen > length - at) return -3;
   // The name's length is searched only inside the entry, so a missing NUL makes the
   // padded length exceed the entry and is refused like an overlong name.
@@ -416,7 +405,7 @@ int readAgentReply(int sock, int timeoutSeconds, char **buffer, int *count, Name
   *pairs = nullptr;
   int result = WebSockRead(sock, timeoutSeconds, buffer, count, wait);
   if (result != 0) return result;
-  long length = static_cast<long>(getWord(*buffer + 8));
+  long length = static_cast<long>(getWord32(*buffer + 8));
   Adoption adopt{-1, 0, 0};
   result = decodeEntries(*buffer, length, *count, pairs, &adopt);
   if (result == 0 && adopt.index >= 0) {

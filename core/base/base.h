@@ -22,6 +22,17 @@ inline constexpr int32_t NO_TIME = INT32_MIN;  // 0x80000000
 // n rounded up to a multiple of m; an exact multiple is left unchanged.
 constexpr long roundUp(long n, long m) { return n % m == 0 ? n : n + m - n % m; }
 
+// Both wires carry 32-bit big-endian integers at any byte offset.
+inline void putWord32(void *at, uint32_t v) {
+  unsigned char *p = static_cast<unsigned char *>(at);
+  p[0] = static_cast<unsigned char>(v >> 24), p[1] = static_cast<unsigned char>(v >> 16);
+  p[2] = static_cast<unsigned char>(v >> 8), p[3] = static_cast<unsigned char>(v);
+}
+inline uint32_t getWord32(const void *at) {
+  const unsigned char *p = static_cast<const unsigned char *>(at);
+  return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
+
 /* ---- Allocation --------------------------------------------------------------- */
 
 // Reallocates `old` to `size` bytes when given a block, allocates afresh otherwise.

@@ -19,17 +19,6 @@ namespace {
 int wordsFor(int n) { return (n + 15) / 16; }
 int bytesFor(int n) { return wordsFor(n) * 2 + 2; }
 
-void putWord32(char *out, uint32_t v) {
-  v = htonl(v);
-  memcpy(out, &v, 4);
-}
-
-uint32_t getWord32(const char *in) {
-  uint32_t v;
-  memcpy(&v, in, 4);
-  return ntohl(v);
-}
-
 uint16_t getWord16(const char *in) {
   uint16_t v;
   memcpy(&v, in, 2);

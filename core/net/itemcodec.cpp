@@ -34,17 +34,6 @@ bool peerAtLeast(const Buf *buf, int minor) {
   return buf->peerMajor != 0 && buf->peerMinor >= minor;
 }
 
-void putWord32(uint8_t *at, uint32_t v) {
-  v = htonl(v);
-  memcpy(at, &v, 4);
-}
-
-uint32_t getWord32(const uint8_t *at) {
-  uint32_t v;
-  memcpy(&v, at, 4);
-  return ntohl(v);
-}
-
 /* ---- Field writers -------------------------------------------------------------- */
 
 void stuffNumber(Buf *out, char tag, int32_t value) { StuffBuf(out, &value, 4, 4, bufTag(tag)); }
