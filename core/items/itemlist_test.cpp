@@ -1,4 +1,4 @@
-// Tests of item lists (circular, doubly linked, headed by a bare item).
+// Item lists: circular, doubly linked, headed by a bare item.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -8,49 +8,37 @@
 namespace quorvel {
 namespace {
 
-// The members' hNumbers walking forwards, then backwards.
-std::vector<int32_t> walk(const Item *head) {
-  std::vector<int32_t> out;
+using Walk = std::vector<int32_t>;
+
+Walk walk(const Item *head) {  // the members' hNumbers forwards, then negated backwards
+  Walk out;
   for (const Item *e = head->next; e != head; e = e->next) out.push_back(e->hNumber);
   for (const Item *e = head->prev; e != head; e = e->prev) out.push_back(-e->hNumber);
   return out;
 }
 
-Item *numbered(int32_t n) {
-  Item *it = evnew();
-  it->hNumber = n;
-  return it;
-}
-
 TEST(ItemList, InsertsAndRemovesKeepingBothDirectionsCircular) {
-  Item head;
+  Item head, *it[5];
   evlistInit(&head);
   EXPECT_TRUE(evlistEmpty(&head) && head.prev == &head && evlistCount(&head) == 0);
-  Item *a = numbered(1), *b = numbered(2), *c = numbered(3), *d = numbered(4);
-  chainAppend(a, numbered(10));  // chained items are not list members
-  evlistAppend(&head, a);
-  evlistAppend(&head, c);
-  evlistInsertAfter(a, b);      // in the middle
-  evlistInsertAfter(&head, d);  // at the front
-  EXPECT_EQ(walk(&head), (std::vector<int32_t>{4, 1, 2, 3, -3, -2, -1, -4}));
+  for (int i = 0; i < 5; i++) it[i] = evnew(), it[i]->hNumber = i;
+  chainAppend(it[1], it[0]);  // chained items are not list members
+  evlistAppend(&head, it[1]), evlistAppend(&head, it[3]);
+  evlistInsertAfter(it[1], it[2]), evlistInsertAfter(&head, it[4]);  // middle, front
+  EXPECT_EQ(walk(&head), (Walk{4, 1, 2, 3, -3, -2, -1, -4}));
   EXPECT_EQ(evlistCount(&head), 4);
-
-  evlistRemove(b);  // middle
-  EXPECT_TRUE(b->next == b && b->prev == b);
-  evlistRemove(d);  // first
-  evlistRemove(c);  // last
-  EXPECT_EQ(walk(&head), (std::vector<int32_t>{1, -1}));
-  evlistRemove(a);
+  evlistRemove(it[2]);  // middle
+  EXPECT_TRUE(it[2]->next == it[2] && it[2]->prev == it[2]);
+  evlistRemove(it[4]), evlistRemove(it[3]);  // first, last
+  EXPECT_EQ(walk(&head), (Walk{1, -1}));
+  evlistRemove(it[1]);
   EXPECT_TRUE(evlistEmpty(&head) && head.prev == &head);
-
-  // Removed items can join again; freeing the list frees the members.
-  evlistAppend(&head, c);
-  evlistAppend(&head, b);
-  EXPECT_EQ(walk(&head), (std::vector<int32_t>{3, 2, -2, -3}));
-  evlistFree(&head);
+  evlistAppend(&head, it[3]), evlistAppend(&head, it[2]);  // removed items join again
+  EXPECT_EQ(walk(&head), (Walk{3, 2, -2, -3}));
+  evlistFree(&head);  // frees the members
   EXPECT_TRUE(evlistEmpty(&head));
-  evfree(a);
-  evfree(d);
+  evfree(it[1]), evfree(it[4]);
 }
+
 }  // namespace
 }  // namespace quorvel

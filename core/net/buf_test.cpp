@@ -1,9 +1,10 @@
-// Tests of the message buffer: the field layout StuffBuf writes, growth in 3996-byte
-// blocks and its cap, ReadBuf's fit and size checks with their reports, the cursor.
+// The message buffer: StuffBuf's field layout, growth in 3996-byte blocks and its cap,
+// ReadBuf's fit and size checks with their reports, the cursor.
 #include "core/net/buf.h"
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -14,26 +15,20 @@
 namespace quorvel {
 namespace {
 
+using namespace std::string_literals;
+
 class BufTest : public testing::Test {
  protected:
   void TearDown() override { freeBuf(b); }
-  // Starts over with a buffer of exactly bytes.size() bytes holding bytes.
-  void load(const std::vector<uint8_t> &bytes, size_t start = 0) {
+  void load(const std::string &bytes, size_t start = 0) {  // a buffer of exactly these bytes
     freeBuf(b);
     b = NewBuf();
     growBuf(b, bytes.size());
     if (!bytes.empty()) memcpy(bufData(b), bytes.data(), bytes.size());
     seekBuf(b, start);
   }
-  // Bytes [from, to) as hex, a blank after every 4 bytes.
-  std::string hex(size_t from, size_t to) const {
-    std::string out;
-    for (size_t i = from; i < to; i++) {
-      out += "0123456789abcdef"[*bufAt(b, i) >> 4];
-      out += "0123456789abcdef"[*bufAt(b, i) & 15];
-      if ((i - from) % 4 == 3 && i + 1 < to) out += ' ';
-    }
-    return out;
+  std::string bytes(size_t from, size_t to) const {
+    return std::string(reinterpret_cast<const char *>(bufAt(b, from)), to - from);
   }
   Buf *b = NewBuf();
 };
@@ -46,89 +41,62 @@ std::string stderrOf(F f) {
 }
 
 template <class T>
-std::vector<uint8_t> native(std::initializer_list<T> values) {
-  std::vector<uint8_t> out(values.size() * sizeof(T));
-  memcpy(out.data(), std::data(values), out.size());
-  return out;
+std::string native(std::initializer_list<T> v) {
+  return std::string(reinterpret_cast<const char *>(v.begin()), v.size() * sizeof(T));
 }
 
-std::vector<uint8_t> text(const char *s) { return std::vector<uint8_t>(s, s + strlen(s)); }
-
 TEST_F(BufTest, StuffBufPadsFieldsToFourBytesAndReadBufTakesThemBack) {
-  struct Row {
-    std::vector<uint8_t> payload;
-    int granularity;
-    uint32_t tag;
-    const char *bytes;
-  } rows[] = {
-      {text("hello"), 1, bufTag('T'), "54000005 68656c6c 6f000000"},
-      {text("hello"), 1, BUF_UNTAGGED, "68656c6c 6f000000"},
-      {text("abcd"), 1, bufTag('J'), "4a000004 61626364"},
-      {native<uint16_t>({0x0102, 0xA0B0, 7}), 2, bufTag('D'), "44000006 0102a0b0 00070000"},
-      {native<int32_t>({-2, INT32_MIN}), 4, BUF_UNTAGGED, "fffffffe 80000000"},
+  struct Row { std::string payload; int granularity; uint32_t tag; std::string bytes; } rows[] = {
+      {"hello", 1, bufTag('T'), "T\0\0\5hello\0\0\0"s},
+      {"hello", 1, BUF_UNTAGGED, "hello\0\0\0"s},
+      {"abcd", 1, bufTag('J'), "J\0\0\4abcd"s},
+      {native<uint16_t>({0x0102, 0xA0B0, 7}), 2, bufTag('D'), "D\0\0\6\1\2\xA0\xB0\0\7\0\0"s},
+      {native<int32_t>({-2, INT32_MIN}), 4, BUF_UNTAGGED, "\xFF\xFF\xFF\xFE\x80\0\0\0"s},
       // A granularity the copy does not know: the tag word, then zeros.
-      {text("abcdef"), 3, bufTag('Q'), "51000006 00000000 00000000"},
-  };
+      {"abcdef", 3, bufTag('Q'), "Q\0\0\6\0\0\0\0\0\0\0\0"s}};
   for (const Row &r : rows) {
-    load({});
+    load("");
     StuffBuf(b, "xyz", 3, 1, bufTag('A'));  // the field goes after what is there
     StuffBuf(b, r.payload.data(), r.payload.size(), r.granularity, r.tag);
     size_t end = bufUsed(b);
-    EXPECT_EQ(hex(0, 8), "41000003 78797a00");
-    EXPECT_EQ(hex(8, end), r.bytes);
+    EXPECT_EQ(bytes(0, end), "A\0\0\3xyz\0"s + r.bytes);
     if (r.granularity == 3) continue;
-    seekBuf(b, 8);
-    std::vector<uint8_t> back(r.payload.size());
+    std::string back(r.payload.size(), '?');
     bool tagged = r.tag != BUF_UNTAGGED;
-    EXPECT_EQ(ReadBuf(b, back.data(), back.size(), r.granularity, tagged),
+    EXPECT_EQ((seekBuf(b, 8), ReadBuf(b, back.data(), back.size(), r.granularity, tagged)),
               tagged ? int32_t(r.tag) : 0);
-    EXPECT_EQ(back, r.payload) << r.bytes;
-    EXPECT_EQ(bufUsed(b), end);
+    EXPECT_TRUE(back == r.payload && bufUsed(b) == end) << r.granularity << r.payload;
   }
-}
-
-TEST_F(BufTest, StuffBufReportsBadSizesAndWritesNothing) {
-  StuffBuf(b, "x", 1, 1, bufTag('A'));
-  std::string before = hex(0, bufSize(b));
+  // Bad sizes are reported and write nothing; nor do empty payloads.
+  std::string before = bytes(0, bufSize(b));
   EXPECT_EQ(stderrOf([&] { StuffBuf(b, "abc", 3, 2, bufTag('B')); }),
             "StuffBuf: bad size: 3, granularity: 2\n");
-  StuffBuf(b, "", 0, 1, bufTag('T'));  // empty payloads: nothing at all
-  StuffBuf(b, "", 0, 1, BUF_UNTAGGED);
-  EXPECT_EQ(bufUsed(b), 8u);
-  EXPECT_EQ(hex(0, bufSize(b)), before);
+  StuffBuf(b, "", 0, 1, bufTag('T')), StuffBuf(b, "", 0, 1, BUF_UNTAGGED);
+  EXPECT_TRUE(bufUsed(b) == 20u && bytes(0, bufSize(b)) == before);
 }
 
-TEST_F(BufTest, GrowsInBlocksKeepingCursorAndContents) {
+TEST_F(BufTest, GrowsInBlocksKeepingCursorAndContentsUpToTheCap) {
   StuffBuf(b, "abc", 3, 1, bufTag('T'));
-  EXPECT_EQ(bufSize(b), 3996u);
-  for (size_t i = 7; i < bufSize(b); i++) ASSERT_EQ(*bufAt(b, i), 0) << i;
-  // Filling the block exactly does not grow; one byte more grows by one block.
-  std::string fill(3996 - 8 - 4, 'x');
+  EXPECT_EQ(bytes(0, bufSize(b)), "T\0\0\3abc"s + std::string(3996 - 7, '\0'));
+  std::string fill(3996 - 8 - 4, 'x');  // fills the block exactly: no growth
   StuffBuf(b, fill.data(), fill.size(), 1, bufTag('X'));
   EXPECT_EQ(bufSize(b), 3996u);
-  StuffBuf(b, "y", 1, 1, bufTag('Y'));
+  StuffBuf(b, "y", 1, 1, bufTag('Y'));  // one byte more: one block more
   EXPECT_EQ(bufSize(b), 2u * 3996);
-  EXPECT_EQ(hex(0, 8), "54000003 61626300");
-  // A field beyond a block grows by itself rounded up to whole blocks (10004 -> 3).
-  std::string big(10000, 'z');
+  EXPECT_EQ(bytes(0, 8), "T\0\0\3abc\0"s);
+  std::string big(10000, 'z');  // beyond a block: grows by itself rounded up (10004 -> 3)
   StuffBuf(b, big.data(), big.size(), 1, bufTag('Z'));
   EXPECT_EQ(bufSize(b), 5u * 3996);
-  EXPECT_EQ(memcmp(bufAt(b, 4008), big.data(), big.size()), 0);
+  EXPECT_EQ(bytes(4008, 14008), big);
   growBuf(b, 100);
-  EXPECT_EQ(hex(5 * 3996 + 96, bufSize(b)), "00000000");
-  EXPECT_EQ(bufUsed(b), 4008u + 10000);
-  // reserveBuf grows by the request (rounded to blocks) only when it exceeds the size.
-  load({});
-  reserveBuf(b, 5000);
-  reserveBuf(b, 7992);
+  EXPECT_TRUE(bytes(5 * 3996 + 96, bufSize(b)) == "\0\0\0\0"s && bufUsed(b) == 14008u);
+  load("");  // reserveBuf grows by the request (rounded) only when it exceeds the size
+  reserveBuf(b, 5000), reserveBuf(b, 7992);
   EXPECT_EQ(bufSize(b), 2u * 3996);
   reserveBuf(b, 7993);
   EXPECT_EQ(bufSize(b), 5u * 3996);
-}
-
-TEST_F(BufTest, IgnoresGrowthBeyondTheCap) {
-  growBuf(b, 0);
-  growBuf(b, 16000001);
+  load("");
+  growBuf(b, 0), growBuf(b, 16000001);
   EXPECT_EQ(b->data, nullptr);
   // A field whose block-rounded growth passes the cap is dropped silently; the
   // largest one a growth can hold goes through.
@@ -137,45 +105,38 @@ TEST_F(BufTest, IgnoresGrowthBeyondTheCap) {
   EXPECT_EQ(bufSize(b), 0u);
   StuffBuf(b, huge.data(), 4004 * 3996 - 4, 1, bufTag('T'));
   EXPECT_EQ(bufUsed(b), 4004u * 3996);
-  load({});
+  load("");
   growBuf(b, 16000000);
   EXPECT_EQ(bufSize(b), 16000000u);
 }
 
 TEST_F(BufTest, ReadBufRefusesFieldsThatDoNotFitOrBreakTheGranularity) {
-  const char *overflow = "ReadBuf: overflowed buffer\n";
-  struct Row {
-    const char *what;
-    std::vector<uint8_t> bytes;  // the whole storage
+  const std::string over = "ReadBuf: overflowed buffer\n", two = "\0\0\0\1\0\0\0\2"s;
+  struct Row {  // the whole storage and the cursor, the destination's size, what happens
+    std::string bytes;
     size_t start, dst;
     int granularity, tagged, result;
-    const char *report;
+    std::string report;
     size_t usedAfter;
   } rows[] = {
-      {"last untagged word", {0, 0, 0, 1, 0, 0, 0, 2}, 4, 4, 4, 0, -1, overflow, 8},
-      {"untagged word, 2 bytes behind it", {0, 0, 0, 1, 0, 0, 0, 2, 0, 0}, 4, 4, 4, 0, -1, overflow,
-       8},
-      {"untagged word, 4 bytes behind it", {0, 0, 0, 1, 0, 0, 0, 2}, 0, 4, 4, 0, 0, "", 4},
-      {"tag claims more than the storage", {0x54, 0, 0, 100, 0, 0, 0, 0}, 0, 200, 1, 1, -1,
-       overflow, 4},
-      {"tagged length beyond the destination",
-       {0x54, 0, 0, 10, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 0, 0, 0, 0, 0, 0}, 0, 8, 1, 1, -1,
-       overflow, 4},
-      {"length breaks the granularity", {0x4e, 0, 0, 6, 1, 2, 3, 4, 5, 6, 0, 0, 0, 0, 0, 0}, 0,
-       64, 4, 1, -1, "ReadBuf: bad size: 6, granularity: 4\n", 0},
-      {"no room even for a tag word", {}, 0, 64, 1, 1, -1, overflow, 0},
-      {"zero tag word", {0, 0, 0, 0, 0, 0, 0, 0}, 0, 64, 1, 1, 0, "", 0},
-      {"untagged, nothing asked", {0, 0, 0, 0}, 0, 0, 1, 0, 0, "", 0},
-  };
+      {two, 4, 4, 4, 0, -1, over, 8},                  // the last untagged word
+      {two + "\0\0"s, 4, 4, 4, 0, -1, over, 8},        // 2 bytes behind it
+      {two, 0, 4, 4, 0, 0, "", 4},                     // 4 bytes behind it
+      {"T\0\0\x64\0\0\0\0"s, 0, 200, 1, 1, -1, over, 4},  // beyond the storage
+      {"T\0\0\x0a"s + std::string(16, '\1'), 0, 8, 1, 1, -1, over, 4},  // beyond the destination
+      {"N\0\0\6"s + std::string(12, '\1'), 0, 64, 4, 1, -1,
+       "ReadBuf: bad size: 6, granularity: 4\n", 0},
+      {"", 0, 64, 1, 1, -1, over, 0},                  // no room even for a tag word
+      {std::string(8, '\0'), 0, 64, 1, 1, 0, "", 0},   // a zero tag word
+      {std::string(4, '\0'), 0, 0, 1, 0, 0, "", 0}};   // untagged, nothing asked
   for (const Row &r : rows) {
     load(r.bytes, r.start);
     std::vector<uint8_t> dst(r.dst + 1, 0xEE);
     int32_t result = 0;
     auto read = [&] { result = ReadBuf(b, dst.data(), r.dst, r.granularity, r.tagged); };
-    EXPECT_EQ(stderrOf(read), r.report) << r.what;
-    EXPECT_EQ(result, r.result) << r.what;
-    EXPECT_EQ(bufUsed(b), r.usedAfter) << r.what;
-    EXPECT_EQ(dst[r.dst], 0xEE) << r.what;  // never past the destination
+    EXPECT_EQ(stderrOf(read), r.report) << r.bytes.size();
+    EXPECT_TRUE(result == r.result && bufUsed(b) == r.usedAfter) << r.bytes.size() << r.start;
+    EXPECT_EQ(dst[r.dst], 0xEE);  // never past the destination
   }
 }
 
@@ -183,64 +144,46 @@ TEST_F(BufTest, PeekTagAndSkipFieldStayWithinTheStorage) {
   uint32_t length = 0;
   EXPECT_EQ(peekTag(b, &length), -1);
   StuffBuf(b, "abcdefghi", 9, 1, bufTag('p'));
-  rewindBuf(b);
-  EXPECT_EQ(peekTag(b, &length), int32_t(0x70000000));
-  EXPECT_EQ(length, 9u);
-  EXPECT_EQ(bufUsed(b), 0u);
+  EXPECT_EQ((rewindBuf(b), peekTag(b, &length)), int32_t(0x70000000));
+  EXPECT_TRUE(length == 9u && bufUsed(b) == 0u);
   EXPECT_EQ(skipField(b, length + 4), 0);  // lands after the padding
   EXPECT_EQ(bufUsed(b), 16u);
-
-  load(std::vector<uint8_t>(20));
-  EXPECT_EQ(skipField(b, 5), 0);
-  EXPECT_EQ(bufUsed(b), 8u);
-  EXPECT_EQ(skipField(b, 13), -1);  // 8 + 13 > 20: advances 4
-  EXPECT_EQ(bufUsed(b), 12u);
-  EXPECT_EQ(skipField(b, 8), 0);
-  EXPECT_EQ(skipField(b, 1), -1);
-  EXPECT_EQ(bufUsed(b), 20u);  // never past the end of the storage
-  b->size = 8;                 // a caller cut the storage below the cursor: nothing fits
+  load(std::string(20, '\0'));  // 8 + 13 > 20: advances 4; never past the storage's end
+  for (auto [n, result, used] : {std::array{5, 0, 8}, {13, -1, 12}, {8, 0, 20}, {1, -1, 20}})
+    EXPECT_TRUE(skipField(b, n) == result && bufUsed(b) == size_t(used)) << n;
+  b->size = 8;  // a caller cut the storage below the cursor: nothing fits
   uint8_t word[4];
   EXPECT_EQ(skipField(b, 4), -1);
   EXPECT_EQ(stderrOf([&] { EXPECT_EQ(ReadBuf(b, word, 4, 1, 0), -1); }),
             "ReadBuf: overflowed buffer\n");
 }
 
-// What a new and a cleared buffer share: no storage, no marks, callers' words 0, limits.
-void expectEmpty(const Buf *b) {
-  EXPECT_TRUE(b->data == nullptr && bufPosition(b) == nullptr && bufSize(b) == 0);
-  EXPECT_EQ(bufMarkA(b) & bufMarkB(b), INT32_MIN);
-  EXPECT_EQ(b->status | b->owner | b->unused1 | b->unused2 | b->unused3 | b->extended, 0);
-  EXPECT_TRUE(b->limitA == 3000 && b->limitB == 1024);
-}
-
 TEST_F(BufTest, NewRewindSeekClearAndStatusRepeats) {
-  expectEmpty(b);
+  auto expectEmpty = [this] {  // no storage, no marks, callers' words 0, the limits
+    EXPECT_TRUE(b->data == nullptr && bufPosition(b) == nullptr && bufSize(b) == 0);
+    EXPECT_EQ(bufMarkA(b) & bufMarkB(b), INT32_MIN);
+    EXPECT_EQ(b->status | b->owner | b->unused1 | b->unused2 | b->unused3 | b->extended, 0);
+    EXPECT_TRUE(b->limitA == 3000 && b->limitB == 1024);
+  };
+  expectEmpty();
   EXPECT_EQ(b->count | b->guard | b->statusRepeats | b->peerMajor | b->peerMinor, 0);
-  for (int32_t status : {5, -3}) setBufStatus(b, status);
+  setBufStatus(b, 5), setBufStatus(b, -3);
   EXPECT_TRUE(bufFailed(b) && bufStatusRepeats(b) == 2);
   setBufStatus(b, 0);
   EXPECT_FALSE(bufFailed(b) || bufStatusRepeats(b) != 0);
-
-  setBufCount(b, 7);
-  setBufOwner(b, 42);
-  setBufMarkA(b, 1);
-  setBufMarkB(b, 2);
+  setBufCount(b, 7), setBufOwner(b, 42), setBufMarkA(b, 1), setBufMarkB(b, 2);
   StuffBuf(b, "abcdefgh", 8, 1, BUF_UNTAGGED);
   rewindBuf(b);
-  EXPECT_EQ(bufPosition(b), bufData(b));
-  EXPECT_EQ(bufCount(b), 0);
+  EXPECT_TRUE(bufPosition(b) == bufData(b) && bufCount(b) == 0);
   EXPECT_EQ(bufMarkA(b) & bufMarkB(b), INT32_MIN);
   EXPECT_EQ(bufOwner(b), 42);  // rewind keeps the owner
-  seekBuf(b, 5);
-  seekBuf(b, bufSize(b));  // not below the size: ignored
+  seekBuf(b, 5), seekBuf(b, bufSize(b));  // not below the size: ignored
   EXPECT_EQ(bufUsed(b), 5u);
   zeroBuf(b, 4);
-  EXPECT_EQ(hex(0, 8), "00000000 65666768");
-  b->extended = 1;
-  setBufStatus(b, 9);
-  setBufMarkA(b, 3);
+  EXPECT_EQ(bytes(0, 8), "\0\0\0\0efgh"s);
+  b->extended = 1, setBufStatus(b, 9), setBufMarkA(b, 3);
   clearBuf(b);
-  expectEmpty(b);
+  expectEmpty();
 }
 
 TEST(BufDeath, OutOfMemoryNamesTheRoutine) {
@@ -248,8 +191,8 @@ TEST(BufDeath, OutOfMemoryNamesTheRoutine) {
   EXPECT_EXIT((exhaustMemory(), NewBuf(), exitProcess(0)), testing::ExitedWithCode(1),
               "^OutOfMem: called from NewBuf\\(\\)\n$");
   Buf *b = NewBuf();
-  EXPECT_EXIT((exhaustMemory(), growBuf(b, 16000000), exitProcess(0)),
-              testing::ExitedWithCode(1), "^OutOfMem: called from growBuf\\(\\)\n$");
+  EXPECT_EXIT((exhaustMemory(), growBuf(b, 16000000), exitProcess(0)), testing::ExitedWithCode(1),
+              "^OutOfMem: called from growBuf\\(\\)\n$");
   freeBuf(b);
 }
 
