@@ -1,108 +1,47 @@
-// Tests of reading record files: the byte-identical round trip, the lines a reader
-// must accept (continued lines, CR LF, omitted qualifiers, unknown tags), copies
-// chained and duplicates dropped, invalid items, fresh ids, and the saved copy put
-// back after an interrupted rewrite.
+// Tests of reading record files: the byte-identical round trip, the lines a reader must
+// accept, copies chained and duplicates dropped, invalid items, fresh ids, and the saved
+// copy put back after an interrupted rewrite.
 #include <climits>
-#include <cstdio>
-#include <gtest/gtest.h>
 
-#include "core/db/context.h"
-#include "core/db/db_test_util.h"
 #include "core/db/record.h"
 #include "core/db/record_test_util.h"
-#include "core/db/recordfile.h"
 
 namespace quorvel {
 namespace {
 
-class RecordRead : public ::testing::Test {
- protected:
-  TestNames names{{"ann", "bob", "carl", "dora", "calendar05", "calendar06", "calendar07",
-                   "calendar08", "calendar09", "calendar10"}};
-  TempDir dir;
-  std::vector<RecordFile *> files;
-  void SetUp() override {
-    resetDbTestState();
-    names.install();
-  }
-  void TearDown() override {
-    for (RecordFile *rf : files) freeRecordFile(rf);
-    resetNameLookup();
-    resetDbContexts();
-    setRecordDebug(0);
-  }
-  RecordFile *readBack(const std::string &path) {
-    files.push_back(newRecordFile(path.c_str(), nullptr));
-    readRecordFile(nullptr, files.back());
-    return files.back();
-  }
-  // The file as read, written again.
-  std::string rewritten(const std::string &input) {
-    writeFile(dir.at("in"), input);
-    std::string text;
-    EXPECT_EQ(writeList(&text, &readBack(dir.at("in"))->list), 0);
-    return text;
-  }
+struct RecordRead : RecordTest {  // ten names
+  void SetUp() override { RecordTest::SetUp(), installNames({"ann", "bob", "carl", "dora", "calendar05", "calendar06", "calendar07", "calendar08", "calendar09", "calendar10"}); }
 };
 
-// Writes rf to its path the way the database does: an empty file first, then the
-// rewrite.
-int writeOut(RecordFile *rf) {
-  if (!exists(rf->path)) writeFile(rf->path, "");
-  int rc = writedbfile(rf);
-  return rc != 0 ? rc : tmprelink(rf);
-}
-
-Item *plainItem(int32_t id, const char *title, std::initializer_list<int> members) {
-  Item *it = evnew();
-  evsetTitle(it, title);
-  it->randomId = id;
-  it->calendars = makeSet(members);
-  it->timeValue = {{100, 2, 3}, {200, 7, 3}};
-  return it;
-}
-
+// Written as the database does: into an empty file first, then rewritten and read back.
 TEST_F(RecordRead, WriteReadWriteIsByteIdentical) {
-  RecordFile *rf = newRecordFile(dir.at("cal").c_str(), nullptr);
-  files.push_back(rf);
-  rf->list.owner = 2;
-  rf->list.timeValue = {{50, 2, 3}, {90, 2, 4}};
-  rf->list.calendars = makeSet({0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
-  rf->list.setN = makeSet({1, 2, 3, 4, 5, 6, 7, 8, 9});
-  Item *full = makeFullItem(100);
-  Item *copy = evcopy(full);
-  copy->owner = -1;
-  evsetDbName(copy, "other");
-  copy->dbFlag = 0;
-  chainAppend(full, copy);
-  addRecordItem(rf, full);
-  addRecordItem(rf, plainItem(101, "wide", {0, 1, 2, 3, 4, 5, 6, 7, 8}));
-  addRecordItem(rf, plainItem(102, "everyone", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
+  auto writeOut = [](RecordFile *f) { return writeFile(f->path, ""), writedbfile(f) != 0 ? -1 : tmprelink(f); };
+  rf->list.owner = 2, rf->list.timeValue = {{50, 2, 3}, {90, 2, 4}};
+  rf->list.calendars = makeSet({0, 1, 2, 3, 4, 5, 6, 7, 8, 9}), rf->list.setN = makeSet({1, 2, 3, 4, 5, 6, 7, 8, 9});
+  Item *full = makeFullItem(100), *copy = evcopy(full);
+  copy->owner = -1, copy->dbFlag = 0, evsetDbName(copy, "other");
+  chainAppend(full, copy), addRecordItem(rf, full);
+  for (int n : {9, 10}) {  // the second names every calendar
+    Item *it = evnew();
+    it->randomId = 100 + n, it->timeValue = {{100, 2, 3}, {200, 7, 3}}, evsetTitle(it, "wide");
+    for (int i = 0; i < n; i++) setbit(&it->calendars, i, 1);
+    addRecordItem(rf, it);
+  }
   ASSERT_EQ(writeOut(rf), 0);
-  std::string first = readFile(rf->path);
+  std::string first = readFile(path);
   EXPECT_NE(first.find("calendar08,\\\n\tcalendar09"), std::string::npos);
   EXPECT_NE(first.find("#B\t0x64\n#F\t0xc8 @0x7\n"), std::string::npos);  // defaults at work
-
-  RecordFile *back = readBack(rf->path);
-  EXPECT_EQ(back->count, 3);
-  EXPECT_EQ(chainLength(back->list.next), 1);
-  EXPECT_EQ(back->size, long(first.size()));
-  EXPECT_NE(back->mtime, NO_TIME);
-  back->path = dir.at("again");
-  back->dirty = true;
-  ASSERT_EQ(writeOut(back), 0);
-  EXPECT_EQ(readFile(back->path), first);
-  std::string inMemory;
-  EXPECT_EQ(writeList(&inMemory, &back->list), 0);
-  EXPECT_EQ(inMemory, first);
+  EXPECT_EQ(reread(path)->count, 3); EXPECT_EQ(chainLength(rf->list.next), 1);
+  EXPECT_EQ(rf->size, long(first.size())); EXPECT_NE(rf->mtime, NO_TIME);
+  rf->path = dir.at("again"), rf->dirty = true;
+  ASSERT_EQ(writeOut(rf), 0); EXPECT_EQ(readFile(dir.at("again")), first);
 }
 
 // Each input is read and written again; what comes out shows what was read.
 TEST_F(RecordRead, AcceptsEveryFormOfLineAWriterOrEditorLeaves) {
   const std::string head = "\n#O\t__ALL__\n#B\t0x10 @0x2 %0x3\n#F\t0x20 @0x2 %0x3\n";
-  struct Row {
-    std::string in, out;
-  } rows[] = {
+  const std::string noTimes = "#B\t0x80000000 @0x0 %0x0\n#F\t0x80000000 @0x0 %0x0\n";
+  struct Row { std::string in, out; } rows[] = {
       // CR LF, continued name sets, omitted qualifiers from the header's defaults.
       {"\r\n#O\t__ALL__\r\n#B\t0x10 @0x2 %0x3\n#F\t0x20 @0x2 %0x3\n#T\tStand-up\r\n#B\t0x30\n#F\t0x40 @0x5\n"
        "#W\tann,\\\n\tbob,\\\n\tcarl\n\n",
@@ -113,18 +52,15 @@ TEST_F(RecordRead, AcceptsEveryFormOfLineAWriterOrEditorLeaves) {
       {head + "#T\tx\n#B\t0X1F @0xA\n#G\tignored\n#x\tunknown\nnot a record line\n#W\tann\n#Z\tnobody\n#Q\t0x60\n"
               "#Z\tdora\n#Q\t0x50 @0x6 %0x7\n#d\t-5\n\n",
        head + "#T\tx\n#B\t0x1f @0xa\n#F\t0x80000000 @0x0 %0x0\n#W\tann\n#Z\tdora\n#Q\t0x50 @0x6 %0x7\n#d\t-5\n\n"},
-      // Entries: the owner of the V set, a popup title with blanks, K label and set.
-      {head + "#T\ty\n#W\tbob\n#P\tA b c 0x10\n#r\t__ALL__\n#A\t5,10\n#V\tbob\n#K\tteam:bob,dora\n#I\t77\n#L\t2\n\n",
-       head + "#T\ty\n#B\t0x80000000 @0x0 %0x0\n#F\t0x80000000 @0x0 %0x0\n#W\tbob\n#P\tA b c 0x10\n#r\t__ALL__\n#A\t5,10\n#V\tbob\n"
-              "#K\tteam:bob,dora\n#I\t77\n#L\t2\n\n"},
       // A kind line without an empty line before it starts the next item; a
       // malformed item time is the initial value; decimal numbers in other forms.
       {head + "#T\ta\n#W\tann\n#B\tjunk\n#H\t0x1f\n#D\tb\n#W\tbob\n#f\t99999999999\n\n",
-       head + "#T\ta\n#B\t0x80000000 @0x0 %0x0\n#F\t0x80000000 @0x0 %0x0\n#W\tann\n#H\t31\n\n"
-              "#D\tb\n#B\t0x80000000 @0x0 %0x0\n#F\t0x80000000 @0x0 %0x0\n#W\tbob\n#f\t2147483647\n\n"},
+       head + "#T\ta\n" + noTimes + "#W\tann\n#H\t31\n\n#D\tb\n" + noTimes + "#W\tbob\n#f\t2147483647\n\n"},
   };
   for (const Row &r : rows) {
-    std::string out = rewritten(r.in);
+    writeFile(dir.at("in"), r.in);
+    std::string out;
+    EXPECT_EQ(writeList(&out, &reread(dir.at("in"))->list), 0);
     // Ids missing from the input are drawn afresh: drop the I lines that were added.
     for (size_t at; r.out.find("#I\t") == std::string::npos && (at = out.find("#I\t")) != std::string::npos;)
       out.erase(at, out.find('\n', at) + 1 - at);
@@ -133,7 +69,7 @@ TEST_F(RecordRead, AcceptsEveryFormOfLineAWriterOrEditorLeaves) {
 }
 
 TEST_F(RecordRead, CopiesChainDuplicatesAndInvalidItemsDrop) {
-  writeFile(dir.at("cal"),
+  writeFile(path,
             "\n#T\tMeet\n#B\t0x1 @0x0 %0x0\n#F\t0x2 @0x0 %0x0\n#J\tone\n#W\tann\n#O\tann\n#I\t7\n\n"
             "#T\tMeet\n#J\ttwo\n#W\tbob\n#I\t7\n\n"       // copy for database two
             "#T\tMeet\n#J\ttwo\n#W\tcarl\n#I\t7\n\n"      // duplicate of that copy
@@ -144,53 +80,37 @@ TEST_F(RecordRead, CopiesChainDuplicatesAndInvalidItemsDrop) {
             "#T\tLone\n#I\t8\n\n"                         // no calendars: invalid
             "#T\tLone\n#J\tfive\n#W\tann\n#I\t8\n\n");    // no previous item: new
   setRecordDebug(2);
-  testing::internal::CaptureStderr();
-  RecordFile *rf = readBack(dir.at("cal"));
-  std::string log = testing::internal::GetCapturedStderr();
+  std::string log = stderrOf([&] { reread(path); });
   EXPECT_NE(log.find("LOG: invalid cross db event 'Meet' at "), std::string::npos) << log;
   EXPECT_NE(log.find("LOG: invalid single db event 'Lone' at "), std::string::npos) << log;
   EXPECT_NE(log.find("#J\tthree\n"), std::string::npos);  // the invalid item is shown
   ASSERT_EQ(rf->count, 4);
   Item *first = rf->list.next;
-  EXPECT_EQ(chainLength(first), 1);
-  EXPECT_STREQ(first->chain->dbName, "two");
-  EXPECT_TRUE(testbit(first->chain->calendars, 1));
-  EXPECT_STREQ(first->next->dbName, "four");
-  EXPECT_EQ(chainLength(first->next), 0);
-  EXPECT_STREQ(first->next->next->dbName, "six");
-  EXPECT_STREQ(first->next->next->next->dbName, "five");
+  EXPECT_EQ(chainLength(first), 1); EXPECT_STREQ(first->chain->dbName, "two");
+  EXPECT_TRUE(testbit(first->chain->calendars, 1)); EXPECT_EQ(chainLength(first->next), 0);
+  EXPECT_EQ(std::string(first->next->dbName) + first->next->next->dbName + first->next->next->next->dbName, "foursixfive");
   EXPECT_EQ(recordItemsWithId(rf, 7).size(), 4u);
 }
 
 TEST_F(RecordRead, MissingAndUnsafeIdsAreDrawnAfresh) {
-  writeFile(dir.at("cal"),
-            "\n#T\tno id\n#W\tann\n\n#T\tnegative\n#W\tann\n#I\t-4\n\n"
-            "#T\thigh\n#W\tann\n#I\t2147482648\n\n#T\tjust safe\n#W\tann\n#I\t2147478647\n\n");
-  RecordFile *rf = readBack(dir.at("cal"));
-  ASSERT_EQ(rf->count, 4);
+  writeFile(path, "\n#T\tno id\n#W\tann\n\n#T\tnegative\n#W\tann\n#I\t-4\n\n"
+                           "#T\thigh\n#W\tann\n#I\t2147482648\n\n#T\tjust safe\n#W\tann\n#I\t2147478647\n\n");
+  ASSERT_EQ(reread(path)->count, 4);
   Item *it = rf->list.next;
-  for (int i = 0; i < 3; i++, it = it->next) {
-    EXPECT_GE(it->randomId, 0) << it->title;
-    EXPECT_LE(it->randomId, INT32_MAX - 5000) << it->title;
-  }
+  for (int i = 0; i < 3; i++, it = it->next) EXPECT_TRUE(it->randomId >= 0 && it->randomId <= INT32_MAX - 5000) << it->title;
   EXPECT_EQ(it->randomId, INT32_MAX - 5000);
 }
 
 TEST_F(RecordRead, SavedCopyIsLinkedBackWhenTheFileIsMissing) {
-  std::string path = dir.at("cal");
   writeFile(path + "sav", "\n#T\tKept\n#W\tann\n#I\t3\n\n");
-  RecordFile *rf = readBack(path);
-  ASSERT_EQ(rf->count, 1);
-  EXPECT_EQ(readFile(path), readFile(path + "sav"));
+  ASSERT_EQ(reread(path)->count, 1); EXPECT_EQ(readFile(path), readFile(path + "sav"));
   EXPECT_TRUE(exists(path + "sav"));  // a writer between its renames still has its copy
   rf->dirty = true;
   ASSERT_EQ(writedbfile(rf), 0);
   EXPECT_EQ(tmprelink(rf), 0);  // and the next rewrite works again
   EXPECT_FALSE(exists(path + "sav"));
-
-  RecordFile *none = readBack(dir.at("absent"));  // neither file: empty, quietly
-  EXPECT_TRUE(none->loaded && evlistEmpty(&none->list));
-  EXPECT_FALSE(exists(dir.at("absent")));
+  reread(dir.at("absent"));  // neither file: empty
+  EXPECT_TRUE(rf->loaded && evlistEmpty(&rf->list)); EXPECT_FALSE(exists(dir.at("absent")));
 }
 
 }  // namespace
