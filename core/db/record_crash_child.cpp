@@ -31,10 +31,8 @@ int main(int argc, char **argv) {
   using namespace quorvel;
   if (argc != 4) return fprintf(stderr, "usage: record_crash_child <path> <generation> <items>\n"), 2;
   crashStep = getenv("QV_CRASH_STEP") != nullptr ? atol(getenv("QV_CRASH_STEP")) : 0;
-  installNames({"ann", "bob", "carl"});
-  RecordFile *rf = newRecordFile(argv[1], nullptr);
+  installNames({"ann", "bob", "carl"}); RecordFile *rf = newRecordFile(argv[1], nullptr);
   readRecordFile(nullptr, rf), setCrashGeneration(rf, atoi(argv[2]), atoi(argv[3]));
-  int rc = writedbfile(rf) != 0 || tmprelink(rf) != 0;
-  freeRecordFile(rf), printf("%ld\n", steps);
+  int rc = writedbfile(rf) != 0 || tmprelink(rf) != 0; freeRecordFile(rf), printf("%ld\n", steps);
   return rc;
 }

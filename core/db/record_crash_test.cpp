@@ -28,16 +28,14 @@ struct RecordCrash : RecordTest {
   // Runs the child towards the next generation; its wait status. crashStep > 0 makes it
   // kill itself before that step; killAfterUs >= 0 kills it from here after that long.
   int runChild(long crashStep, long killAfterUs) {
-    int fds[2], status = 0;
-    ssize_t n;
+    int fds[2], status = 0; ssize_t n;
     if (pipe(fds) != 0) return -1;
     pid_t pid = fork();
     if (pid == 0) {
       dup2(fds[1], 1), close(fds[0]), close(fds[1]);
       if (crashStep > 0) setenv("QV_CRASH_STEP", std::to_string(crashStep).c_str(), 1);
       std::string gen = std::to_string(current + 1), items = std::to_string(ITEMS);
-      execl(CRASH_CHILD, CRASH_CHILD, path.c_str(), gen.c_str(), items.c_str(), (char *)nullptr);
-      _exit(127);
+      execl(CRASH_CHILD, CRASH_CHILD, path.c_str(), gen.c_str(), items.c_str(), (char *)nullptr); _exit(127);
     }
     close(fds[1]);
     if (killAfterUs >= 0) usleep(useconds_t(killAfterUs)), kill(pid, SIGKILL);
@@ -47,8 +45,7 @@ struct RecordCrash : RecordTest {
     return status;
   }
   void expectOldOrNew(const std::string &what) {  // read as a client does: old or new, nothing else
-    sawOnlySaved |= !exists(path) && exists(path + "sav");
-    std::string back;
+    sawOnlySaved |= !exists(path) && exists(path + "sav"); std::string back;
     writeList(&back, &reread(path)->list);
     if (back == text(current + 1)) current++;
     else EXPECT_EQ(back, text(current)) << what << ": neither the old nor the new contents";
@@ -61,8 +58,7 @@ struct RecordCrash : RecordTest {
 };
 
 TEST_F(RecordCrash, KillAtEveryStepLeavesOldOrNewContents) {
-  rewriteToCompletion();
-  int killed = 0;
+  rewriteToCompletion(); int killed = 0;
   for (long k = 1; k < 200; k++) {
     rewriteToCompletion();  // from a clean file, so that step k is the same step each time
     int status = runChild(k, -1);
@@ -71,8 +67,7 @@ TEST_F(RecordCrash, KillAtEveryStepLeavesOldOrNewContents) {
       EXPECT_EQ(std::to_string(k - 1) + "\n", out);  // every step was visited
       break;
     }
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
-    killed++;
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status; killed++;
     expectOldOrNew("killed at step " + std::to_string(k));
     rewriteToCompletion();  // the next rewrite works
   }
@@ -81,14 +76,11 @@ TEST_F(RecordCrash, KillAtEveryStepLeavesOldOrNewContents) {
 }
 
 TEST_F(RecordCrash, KillAtRandomMomentsLeavesOldOrNewContents) {
-  auto start = std::chrono::steady_clock::now();
-  rewriteToCompletion();
+  auto start = std::chrono::steady_clock::now(); rewriteToCompletion();
   long span = long(std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count());
-  std::mt19937 rng(20261121);
-  std::uniform_int_distribution<long> delay(0, span + span / 2);
+  std::mt19937 rng(20261121); std::uniform_int_distribution<long> delay(0, span + span / 2);
   for (int i = 0; i < 40; i++) {
-    long us = delay(rng);
-    int status = runChild(0, us);
+    long us = delay(rng); int status = runChild(0, us);
     if (!WIFEXITED(status)) expectOldOrNew("killed after " + std::to_string(us) + " us");
     else { ASSERT_EQ(WEXITSTATUS(status), 0); ASSERT_EQ(readFile(path), text(++current)); }
   }

@@ -27,10 +27,8 @@ CalSet makeSet(std::initializer_list<int> members) {
 }
 
 Item *makeFullItem(int32_t id) {
-  Item *it = evnew();
-  evsetTitle(it, "Planning, all day");
-  it->timeValue = {{1700000000, 2, 3}, {1700003600, 2, 5}};
-  evsetDbName(it, "remote");
+  Item *it = evnew(); evsetTitle(it, "Planning, all day");
+  it->timeValue = {{1700000000, 2, 3}, {1700003600, 2, 5}}; evsetDbName(it, "remote");
   it->dbFlag = 1, it->owner = 1, it->uWord = 7, it->linkByte = 3;
   it->calendars = makeSet({0, 1}), it->setY = makeSet({1}), it->setN = makeSet({2}), it->setX = makeSet({3});
   it->setR = makeSet({0, 1, 2, 3}), it->setC = makeSet({2, 3});
@@ -44,27 +42,22 @@ Item *makeFullItem(int32_t id) {
 
 void setCrashGeneration(RecordFile *rf, int generation, int n) {
   if (evlistCount(&rf->list) != n) {
-    evlistFree(&rf->list);
-    rf->index.clear();
+    evlistFree(&rf->list); rf->index.clear();
     for (int i = 0; i < n; i++) {
-      Item *item = evnew();
-      item->randomId = i + 1, item->calendars = makeSet({i % 3});
+      Item *item = evnew(); item->randomId = i + 1, item->calendars = makeSet({i % 3});
       item->timeValue = {{1700000000 + i * 60, 1, 0}, {1700000000 + i * 60 + 30, 1, 0}};
       addRecordItem(rf, item);
     }
   }
-  char text[64];
-  int i = 0;
+  char text[64]; int i = 0;
   for (Item *e = rf->list.next; e != &rf->list; e = e->next, i++)
     snprintf(text, sizeof text, "entry %06d of generation %d", i, generation % 10), evsetTitle(e, text);
   rf->dirty = true;
 }
 
 std::string crashGenerationText(int generation, int n) {
-  RecordFile *rf = newRecordFile("unused", nullptr);
-  setCrashGeneration(rf, generation, n);
-  std::string text;
-  writeList(&text, &rf->list), freeRecordFile(rf);
+  RecordFile *rf = newRecordFile("unused", nullptr); setCrashGeneration(rf, generation, n);
+  std::string text; writeList(&text, &rf->list), freeRecordFile(rf);
   return text;
 }
 

@@ -12,8 +12,7 @@ namespace {
 using RecordWrite = RecordTest;
 
 std::string itemText(Item *item, const DateTime *defaults) {
-  TextSink sink;
-  EXPECT_EQ(writeItem(&sink, item, defaults, textLineWriter), 0);
+  TextSink sink; EXPECT_EQ(writeItem(&sink, item, defaults, textLineWriter), 0);
   return sink.text;
 }
 
@@ -31,8 +30,7 @@ TEST_F(RecordWrite, NameSetsSkipEmptyWriteAllWrapAtColumnSixtyAndStopAtNameless)
   for (const Row &r : rows) {
     CalSet set = makeSet(r.members);
     if (r.clear >= 0) setbit(&set, r.clear, 0);
-    TextSink sink;
-    installNames(*r.table);
+    TextSink sink; installNames(*r.table);
     EXPECT_EQ(writeNameSet(&sink, 'W', set, textLineWriter), r.rc) << r.text; EXPECT_EQ(sink.text, r.text);
     freebits(&set);
   }
@@ -63,8 +61,7 @@ TEST_F(RecordWrite, ItemLinesFollowKindOwnerAndTextRules) {
     Item *item = evnew();
     item->dWord = r.kind, item->owner = r.owner, item->randomId = r.id, evsetTitle(item, r.title);
     if (r.dbName != nullptr) evsetDbName(item, r.dbName);
-    EXPECT_EQ(itemText(item, nullptr), r.text); EXPECT_STREQ(item->title, r.cut);
-    evfree(item);
+    EXPECT_EQ(itemText(item, nullptr), r.text); EXPECT_STREQ(item->title, r.cut); evfree(item);
   }
 }
 
@@ -75,23 +72,19 @@ TEST_F(RecordWrite, ItemsDatabaseIsCurrentWhileItIsWritten) {
   setCurrentDb(home);
   NameLookup spy{nullptr, [](void *) { return 3; },
                  [](void *, int i) { return seenCurrent = currentDb(), i == 0 ? "ann" : nullptr; }, nullptr};
-  setNameLookup(&spy);
-  Item *item = evnew();
+  setNameLookup(&spy); Item *item = evnew();
   item->calendars = makeSet({0}), evsetDbName(item, "remote");
   EXPECT_NE(itemText(item, nullptr).find("#J\tremote\n#W\tann\n"), std::string::npos); EXPECT_EQ(seenCurrent, remote);
   EXPECT_EQ(currentDb(), home);
   itemText((evsetDbName(item, "elsewhere"), item), nullptr);  // not open: the current database stays
-  EXPECT_EQ(seenCurrent, home);
-  evfree(item);
+  EXPECT_EQ(seenCurrent, home); evfree(item);
 }
 
 TEST_F(RecordWrite, ListHeaderAndLineGroups) {
-  Item head;
-  evlistInit(&head), head.owner = OWNER_ALL, head.timeValue = {{1, 2, 3}, {4, 5, 6}};
+  Item head; evlistInit(&head), head.owner = OWNER_ALL, head.timeValue = {{1, 2, 3}, {4, 5, 6}};
   head.calendars = makeSet({0}), head.setX = makeSet({3}), head.setR = makeSet({1}), head.setY = makeSet({2});
   evsetDbName(&head, "missing");  // no such database open: no J line
-  TextSink sink;
-  EXPECT_EQ(writeListHeader(&sink, &head, textLineWriter), 0);
+  TextSink sink; EXPECT_EQ(writeListHeader(&sink, &head, textLineWriter), 0);
   EXPECT_EQ(sink.text, "\n#O\t__ALL__\n#B\t0x1 @0x2 %0x3\n#F\t0x4 @0x5 %0x6\n#W\tann\n#R\tbob\n#Y\tcarl\n#X\tdora\n");
   newDbHandle("db/missing", "missing", DB_KIND_LOCAL);
   head.timeValue.end.time = NO_TIME, head.owner = -1, sink.text.clear();  // half a range: none written
@@ -107,8 +100,7 @@ TEST_F(RecordWrite, ListHeaderAndLineGroups) {
 TEST(TextLineWriter, FormatsLikePrintf) {
   const char *fmt = "#%c\t%ld 0x%lx %d 0x%x %s %%\n";
   for (long v : {0L, -1L, LONG_MIN, LONG_MAX, long(INT_MIN), long(INT_MAX)}) {
-    char want[128];
-    snprintf(want, sizeof want, fmt, 'q', v, (unsigned long)v, int(v), unsigned(v), "txt");
+    char want[128]; snprintf(want, sizeof want, fmt, 'q', v, (unsigned long)v, int(v), unsigned(v), "txt");
     TextSink sink;
     EXPECT_EQ(textLineWriter(&sink, fmt, 'q', v, (unsigned long)v, int(v), unsigned(v), "txt"), int(strlen(want)));
     EXPECT_EQ(sink.text, want);

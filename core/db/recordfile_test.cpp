@@ -30,19 +30,15 @@ TEST_F(RecordRewrite, ShrinkCheckRefusesOnlyWhenBothMeasuresFellBelowNinetyPerce
   std::string kept, bad;
   for (const Row &r : rows) {
     SCOPED_TRACE(testing::Message() << r.count << " items, titles of " << r.titleLength);
-    fill(r.count, r.titleLength);
-    long size = rf->size;
-    int count = rf->count, rc = 0;
-    if (r.shrinkOnce) rf->shrinkOnce = true;
+    fill(r.count, r.titleLength); long size = rf->size;
+    int count = rf->count, rc = 0; rf->shrinkOnce |= r.shrinkOnce;
     std::string log = stderrOf([&] { rc = writedbfile(rf); });
     EXPECT_EQ(rc, r.rc);
     if (rc == 0) {
       EXPECT_FALSE(rf->shrinkOnce);  // used up by the write itself
       ASSERT_EQ(tmprelink(rf), 0);
-      kept = readFile(path);
-      EXPECT_EQ(rf->size, long(kept.size()));
+      EXPECT_EQ(rf->size, long((kept = readFile(path)).size())); EXPECT_EQ(rf->count, r.count);
       if (r.count == count && r.titleLength == 22) { EXPECT_LT(rf->size * 100 / size, 90); }
-      EXPECT_EQ(rf->count, r.count);
       continue;
     }
     if (bad.empty()) bad = readFile(path + "BAD");
@@ -60,21 +56,18 @@ TEST_F(RecordRewrite, WriteFailuresReportDiscardAndRemoveTheScratchFile) {
       {[](const char *p) { return symlink("/dev/full", p); }, "quorvel: database write failed--errno=28\n", ENOSPC},
   };
   for (const Row &r : rows) {
-    fill(3, 5);
+    int rc = 0; fill(3, 5);
     ASSERT_EQ(r.make((path + "TMP").c_str()), 0);
-    int rc = 0;
     EXPECT_EQ(stderrOf([&] { rc = writedbfile(rf); }), r.log);
     EXPECT_EQ(rc, r.rc); EXPECT_TRUE(evlistEmpty(&rf->list));
-    EXPECT_FALSE(rf->loaded); EXPECT_EQ(exists(path + "TMP"), r.rc == EISDIR);
-    rmdir((path + "TMP").c_str());
+    EXPECT_FALSE(rf->loaded); EXPECT_EQ(exists(path + "TMP"), r.rc == EISDIR); rmdir((path + "TMP").c_str());
   }
 }
 
 struct RecordCache : RecordTest {
   DbHandle *db = nullptr;
   void SetUp() override {
-    RecordTest::SetUp();
-    ASSERT_EQ(mkdir(dir.at("locks").c_str(), 0700), 0);
+    RecordTest::SetUp(); ASSERT_EQ(mkdir(dir.at("locks").c_str(), 0700), 0);
     db = newDbHandle(dir.path.c_str(), "home", DB_KIND_LOCAL);
     db->standalone = true, setMainDb(db), setCurrentDb(db);
   }
@@ -82,19 +75,15 @@ struct RecordCache : RecordTest {
 
 TEST_F(RecordCache, ReadsAgainWhenFileOrStampMovedButKeepsDirtyFiles) {
   std::string one = "\n#T\tone\n#W\tann\n#I\t1\n\n";
-  writeFile(path, one);
-  RecordFile *f = openRecordFile(db, path.c_str());
+  writeFile(path, one); RecordFile *f = openRecordFile(db, path.c_str());
   ASSERT_NE(f, nullptr); EXPECT_EQ(f->count, 1); EXPECT_EQ(db->dropRecords, dropRecordCache);
-  EXPECT_TRUE(db->outsideChange != NO_TIME && db->lastSeenStamp != NO_TIME);
-  Item *first = f->list.next;
-  EXPECT_EQ(openRecordFile(db, path.c_str()), f);
+  EXPECT_TRUE(db->outsideChange != NO_TIME && db->lastSeenStamp != NO_TIME); Item *first = f->list.next;
+  EXPECT_EQ(openRecordFile(db, path.c_str()), f); EXPECT_EQ(recordFileOf(db, first), f);
   EXPECT_EQ(f->list.next, first);  // not read again
-  EXPECT_EQ(recordFileOf(db, first), f);
   writeFile(path, one + "#T\ttwo\n#W\tbob\n#I\t2\n\n");
   struct timespec times[2] = {{0, UTIME_OMIT}, {f->mtime + 10, 0}};
   utimensat(AT_FDCWD, path.c_str(), times, 0);
-  EXPECT_EQ(openRecordFile(db, path.c_str()), f); EXPECT_EQ(f->count, 2);
-  Item *extra = evnew();
+  EXPECT_EQ(openRecordFile(db, path.c_str()), f); EXPECT_EQ(f->count, 2); Item *extra = evnew();
   extra->calendars = makeSet({0}), addRecordItem(f, extra);
   times[1].tv_sec += 10;  // a dirty file keeps its unsaved item
   utimensat(AT_FDCWD, path.c_str(), times, 0);
@@ -104,18 +93,14 @@ TEST_F(RecordCache, ReadsAgainWhenFileOrStampMovedButKeepsDirtyFiles) {
   RecordFile *again = openRecordFile(db, path.c_str());
   ASSERT_NE(again, nullptr); EXPECT_EQ(cachedFileCount(db), 1);
   EXPECT_EQ(again->count, 2); EXPECT_EQ(db->outsideChange, db->lastSeenStamp);
-  dropFileCache(db);
-  EXPECT_EQ(cachedFileCount(db), 0);
-  setRecordDebug(1);
+  dropFileCache(db), setRecordDebug(1); EXPECT_EQ(cachedFileCount(db), 0);
   EXPECT_EQ(stderrOf([&] { EXPECT_EQ(findRecordFile(db, path.c_str()), nullptr); }), "no cached file:" + path + "\n");
 }
 
 TEST_F(RecordCache, DirtyFilesAreWrittenAndTheStampMoves) {
   RecordFile *f = openRecordFile(db, path.c_str()), *clean = openRecordFile(db, dir.at("clean").c_str());
-  ASSERT_TRUE(f != nullptr && clean != nullptr);
-  Item *it = evnew();
-  it->randomId = 9, it->calendars = makeSet({1}), addRecordItem(f, it);
-  ASSERT_EQ(writeDirtyFiles(db), 0);
+  ASSERT_TRUE(f != nullptr && clean != nullptr); Item *it = evnew();
+  it->randomId = 9, it->calendars = makeSet({1}), addRecordItem(f, it); ASSERT_EQ(writeDirtyFiles(db), 0);
   EXPECT_EQ(readFile(path), "\n#T\t\n#B\t0x80000000 @0x0 %0x0\n#F\t0x80000000 @0x0 %0x0\n#W\tbob\n#I\t9\n#H\t0\n#s\t0\n\n");
   EXPECT_FALSE(exists(dir.at("clean")) || f->dirty); EXPECT_NE(db->ownWriteStamp, NO_TIME);
   EXPECT_EQ(db->lastSeenStamp, db->ownWriteStamp); EXPECT_EQ(currentDb(), db);
@@ -126,17 +111,12 @@ TEST_F(RecordCache, DirtyFilesAreWrittenAndTheStampMoves) {
 // Without user state (no calendars) in the current database, reads and writes give
 // up and drop the database's cache.
 TEST_F(RecordCache, WithoutUserStateReadAndWriteDropTheCache) {
-  db->inMemoryOnly = true;
-  writeFile(path, "\n#T\tx\n#W\tann\n\n");
+  db->inMemoryOnly = true; writeFile(path, "\n#T\tx\n#W\tann\n\n");
   for (bool reading : {true, false}) {
-    RecordFile *f = openRecordFile(db, path.c_str());
-    ASSERT_NE(f, nullptr); EXPECT_EQ(f->count, 1);
-    resetNameLookup(), f->loaded = false;
-    std::string log = stderrOf([&] {
-      if (reading) EXPECT_EQ(openRecordFile(db, path.c_str()), nullptr);
-      else EXPECT_EQ(writedbfile(f), -1);
-    });
-    EXPECT_EQ(log.substr(0, 17), "No user state at ");
+    RecordFile *f = openRecordFile(db, path.c_str()); ASSERT_NE(f, nullptr); EXPECT_EQ(f->count, 1);
+    resetNameLookup(), f->loaded = false; int rc = 0;
+    std::string log = stderrOf([&] { rc = reading ? openRecordFile(db, path.c_str()) != nullptr : writedbfile(f); });
+    EXPECT_EQ(rc, reading ? 0 : -1); EXPECT_EQ(log.substr(0, 17), "No user state at ");
     EXPECT_NE(log.find(std::string(", aborting ") + (reading ? "read" : "write") + " of " + path + "\n"), std::string::npos) << log;
     EXPECT_TRUE(db->records == nullptr && db->dropRecords == nullptr); EXPECT_FALSE(exists(path + "TMP"));
     installNames();

@@ -75,46 +75,34 @@ TEST_F(RecordFaults, RelinkFailuresReportAndLeaveOldOrNewFileInPlace) {
       {{{"stat", "cal", 0, true}}, "tmprelink: target file " + p + " does not exist\n", -ECHILD, false, {}},
   };
   for (const Row &r : rows) {
-    SCOPED_TRACE(r.log);
-    writeFile(path, "old contents\n"), unlink((path + "sav").c_str());
-    ASSERT_EQ(writedbfile(rf), 0);
-    std::string fresh = readFile(path + "TMP");
-    faults = r.plan, calls.clear(), resetDbTestState(), rf->loaded = true, rf->mtime = 5;
-    int rc = 0;
+    SCOPED_TRACE(r.log); writeFile(path, "old contents\n"), unlink((path + "sav").c_str());
+    ASSERT_EQ(writedbfile(rf), 0); std::string fresh = readFile(path + "TMP");
+    faults = r.plan, calls.clear(), resetDbTestState(), rf->loaded = true, rf->mtime = 5; int rc = 0;
     EXPECT_EQ(stderrOf([&] { rc = tmprelink(rf); }), r.log);
-    faults.clear();
-    EXPECT_EQ(rc, r.rc); EXPECT_EQ(readFile(path), r.newInPlace ? fresh : "old contents\n");
+    faults.clear(); EXPECT_EQ(rc, r.rc); EXPECT_EQ(readFile(path), r.newInPlace ? fresh : "old contents\n");
     EXPECT_EQ(recordedPauses(), r.pauses);
     EXPECT_EQ(exists(path + "sav"), r.newInPlace);  // kept only when its unlink failed
-    EXPECT_EQ(rf->loaded, r.rc != -1);  // a file that could not be moved aside is read again
-    EXPECT_EQ(rf->mtime == NO_TIME, r.rc == -1);
+    EXPECT_EQ(rf->loaded, r.rc != -1); EXPECT_EQ(rf->mtime == NO_TIME, r.rc == -1);  // not moved aside: read again
     EXPECT_EQ(std::count(calls.begin(), calls.end(), "rename cal calsav"), r.pauses.empty() ? 1 : 4);
   }
 }
 
 TEST_F(RecordFaults, ScratchFileMissingEmptyOrUnsyncedIsRefused) {
-  faults = {{"stat", "calTMP", ENOENT, false}};
-  EXPECT_EQ(writedbfile(rf), ENOENT);
-  faults[0].emptyFile = true;
-  EXPECT_EQ(writedbfile(rf), -EINTR);
-  faults = {{"fsync", "calTMP", EIO, false}};
+  faults = {{"stat", "calTMP", ENOENT, false}}; EXPECT_EQ(writedbfile(rf), ENOENT);
+  faults[0].emptyFile = true; EXPECT_EQ(writedbfile(rf), -EINTR); faults = {{"fsync", "calTMP", EIO, false}};
   EXPECT_EQ(stderrOf([&] { EXPECT_EQ(writedbfile(rf), EIO); }), "quorvel: database write failed--errno=5\n");
   EXPECT_FALSE(exists(path + "TMP") || rf->loaded); EXPECT_EQ(readFile(path), "old contents\n");
 }
 
 TEST_F(RecordFaults, RewriteSyncsRenamesAndKeepsTheNewFilesFigures) {
-  writeFile(path + "sav", "stale copy");
-  rf->shrinkOnce = true;
-  ASSERT_EQ(writedbfile(rf), 0);
-  std::string fresh = readFile(path + "TMP");
-  ASSERT_EQ(tmprelink(rf), 0);
+  writeFile(path + "sav", "stale copy"), rf->shrinkOnce = true; ASSERT_EQ(writedbfile(rf), 0);
+  std::string fresh = readFile(path + "TMP"); ASSERT_EQ(tmprelink(rf), 0);
   std::vector<std::string> want = {"fsync calTMP", "unlink calsav", "rename cal calsav", "rename calTMP cal",
                                    "fsync " + base(dir.path), "unlink calsav"};
   EXPECT_EQ(calls, want); EXPECT_EQ(readFile(path), fresh);
   EXPECT_FALSE(exists(path + "sav") || exists(path + "TMP")); EXPECT_EQ(rf->size, long(fresh.size()));
-  EXPECT_EQ(rf->mtime, fileModTime(path.c_str(), nullptr));
-  EXPECT_EQ(rf->dirTime, fileModTime(dir.path.c_str(), nullptr)); EXPECT_NE(rf->mtime, NO_TIME);
-  EXPECT_FALSE(rf->shrinkOnce || rf->dirty);
+  EXPECT_EQ(rf->mtime, fileModTime(path.c_str(), nullptr)); EXPECT_NE(rf->mtime, NO_TIME);
+  EXPECT_EQ(rf->dirTime, fileModTime(dir.path.c_str(), nullptr)); EXPECT_FALSE(rf->shrinkOnce || rf->dirty);
 }
 
 }  // namespace
