@@ -1,36 +1,29 @@
 // agent.cpp -- the sample web agent: its own message encoder and decoder, the demo
 // reply, and the loopback server that answers each connection by its script.
-//
-// Divisions: messages / replies / socket helpers / serving.
 #include "testing/agent.h"
-
 #include <algorithm>
 #include <arpa/inet.h>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace quorvel::webagent {
 
-/* ==== Messages ======================================================================= */
-
 static void putWord(std::string *out, uint32_t value) {
   uint32_t net = htonl(value);
   out->append(reinterpret_cast<const char *>(&net), 4);
 }
-
 static uint32_t wordAt(const std::string &msg, size_t at) {
   uint32_t net;
   memcpy(&net, msg.data() + at, 4);
   return ntohl(net);
 }
-
 static size_t padded(size_t len) { return (len + 1 + 3) / 4 * 4; }
 
 std::string encodeAgentMessage(const std::vector<AgentPair> &pairs, uint32_t magic) {
@@ -39,10 +32,8 @@ std::string encodeAgentMessage(const std::vector<AgentPair> &pairs, uint32_t mag
     size_t n = padded(p.name.size()), c = padded(p.contents.size());
     putWord(&body, AGENT_MAGIC_WORD);
     putWord(&body, static_cast<uint32_t>(8 + n + c));
-    body += p.name;
-    body.append(n - p.name.size(), '\0');
-    body += p.contents;
-    body.append(c - p.contents.size(), '\0');
+    body += p.name + std::string(n - p.name.size(), '\0') + p.contents +
+            std::string(c - p.contents.size(), '\0');
   }
   std::string msg;
   putWord(&msg, magic);
@@ -51,7 +42,8 @@ std::string encodeAgentMessage(const std::vector<AgentPair> &pairs, uint32_t mag
   return msg + body;
 }
 
-int decodeAgentMessage(const std::string &msg, std::vector<AgentPair> *pairs) {
+// Decodes a whole message into pairs; 0, or -1 when it is malformed.
+static int decodeAgentMessage(const std::string &msg, std::vector<AgentPair> *pairs) {
   pairs->clear();
   if (msg.size() < 12 || wordAt(msg, 0) != AGENT_MAGIC_WORD) return -1;
   uint32_t count = wordAt(msg, 4);
@@ -72,51 +64,22 @@ int decodeAgentMessage(const std::string &msg, std::vector<AgentPair> *pairs) {
   return at == msg.size() ? 0 : -1;
 }
 
-/* ==== Replies ============================================================================ */
-
 static std::string htmlEscape(const std::string &text) {
   std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '&': out += "&amp;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
-    }
-  }
+  for (char c : text)
+    out += c == '<' ? "&lt;" : c == '>' ? "&gt;" : c == '&' ? "&amp;" : c == '"' ? "&quot;"
+                                                                       : std::string(1, c);
   return out;
 }
 
-// %XX escapes decoded, for display only.
-static std::string percentDecoded(const std::string &text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); i++) {
-    if (text[i] == '%' && i + 2 < text.size() && isxdigit(static_cast<unsigned char>(text[i + 1])) &&
-        isxdigit(static_cast<unsigned char>(text[i + 2]))) {
-      out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-      i += 2;
-    } else {
-      out += text[i];
-    }
-  }
-  return out;
-}
-
-// One table row per key=value field of the query: as received, and decoded.
+// One table row per key=value field of the query.
 static std::string queryRows(const std::string &query) {
-  std::string rows;
-  size_t start = 0;
-  while (start <= query.size()) {
-    size_t end = query.find('&', start);
-    if (end == std::string::npos) end = query.size();
-    std::string field = query.substr(start, end - start);
+  std::string rows, field;
+  for (std::istringstream in(query); std::getline(in, field, '&');) {
     size_t eq = field.find('=');
     std::string key = field.substr(0, eq), value = eq == std::string::npos ? "" : field.substr(eq + 1);
     if (!field.empty())
-      rows += "<tr><td>" + htmlEscape(key) + "</td><td>" + htmlEscape(value) + "</td><td>" +
-              htmlEscape(percentDecoded(value)) + "</td></tr>\n";
-    start = end + 1;
+      rows += "<tr><td>" + htmlEscape(key) + "</td><td>" + htmlEscape(value) + "</td></tr>\n";
   }
   return rows;
 }
@@ -128,10 +91,9 @@ std::string demoPage(const std::string &query) {
          "<p><img src=\"/tmp/demo-picture.svg\" width=\"120\" height=\"120\" "
          "alt=\"Quorvel calendar\"></p>\n"
          "<p>The agent received this request:</p>\n<pre>" + htmlEscape(query) + "</pre>\n"
-         "<table border=1>\n<tr><th>key</th><th>value</th><th>decoded</th></tr>\n" + queryRows(query) +
+         "<table border=1>\n<tr><th>key</th><th>value</th></tr>\n" + queryRows(query) +
          "</table>\n</body>\n</html>\n";
 }
-
 std::string demoPicture() {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
          "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"120\" height=\"120\" "
@@ -143,11 +105,9 @@ std::string demoPicture() {
          "text-anchor=\"middle\" fill=\"#2a5d9f\">Q</text>\n"
          "</svg>\n";
 }
-
 static std::vector<AgentPair> demoPairs(const std::string &query) {
   return {{"tmp/demo-picture.svg", demoPicture()}, {"", demoPage(query)}};
 }
-
 static std::vector<AgentPair> filePairs(const AgentScript &script, const std::string &query) {
   std::vector<AgentPair> pairs;
   for (int i = 0; i < script.fileCount; i++) {
@@ -159,7 +119,8 @@ static std::vector<AgentPair> filePairs(const AgentScript &script, const std::st
   return pairs;
 }
 
-std::string agentReplyBytes(const AgentScript &script, const std::string &query) {
+// The reply a script answers query with (modes that send a message at all).
+static std::string agentReplyBytes(const AgentScript &script, const std::string &query) {
   const std::vector<AgentPair> pairs = script.pairs.empty() ? demoPairs(query) : script.pairs;
   switch (script.mode) {
     case AgentMode::Demo: return encodeAgentMessage(demoPairs(query));
@@ -169,18 +130,13 @@ std::string agentReplyBytes(const AgentScript &script, const std::string &query)
       return encodeAgentMessage({{std::string(257, 'n'), "x"}, {"", demoPage(query)}});
     case AgentMode::ExtraBytes: return encodeAgentMessage(pairs) + std::string("more", 4);
     case AgentMode::Raw: return script.raw;
-    case AgentMode::Oversize: {
-      std::string header;
-      putWord(&header, AGENT_MAGIC_WORD);
-      putWord(&header, 1);
-      putWord(&header, 0x100001);
-      return header;
+    case AgentMode::Oversize: {  // the header of one pair, announcing 0x100001 bytes
+      std::string header = encodeAgentMessage({AgentPair{}}).substr(0, 8);
+      return putWord(&header, 0x100001), header;
     }
     default: return encodeAgentMessage(pairs);
   }
 }
-
-/* ==== Socket helpers ======================================================================== */
 
 // Waits until fd is readable or the stop pipe is written. Returns true for fd.
 static bool waitReadable(SampleAgent *agent, int fd) {
@@ -192,7 +148,6 @@ static bool waitReadable(SampleAgent *agent, int fd) {
     if (fds[0].revents) return true;
   }
 }
-
 // Reads exactly n bytes into out; false on end of stream, error or stop.
 static bool readExactly(SampleAgent *agent, int fd, size_t n, std::string *out) {
   char chunk[8192];
@@ -206,7 +161,6 @@ static bool readExactly(SampleAgent *agent, int fd, size_t n, std::string *out) 
   }
   return true;
 }
-
 static bool sendAll(int fd, const char *bytes, size_t n) {
   while (n > 0) {
     ssize_t sent = send(fd, bytes, n, MSG_NOSIGNAL);
@@ -217,7 +171,6 @@ static bool sendAll(int fd, const char *bytes, size_t n) {
   }
   return true;
 }
-
 // Reads one request message and returns its query (the unnamed pair); false when the
 // peer sent no well-formed message.
 static bool readRequest(SampleAgent *agent, int fd, std::string *query) {
@@ -229,13 +182,9 @@ static bool readRequest(SampleAgent *agent, int fd, std::string *query) {
   std::vector<AgentPair> pairs;
   if (decodeAgentMessage(msg, &pairs) != 0) return false;
   for (const AgentPair &p : pairs)
-    if (p.name.empty()) {
-      *query = p.contents;
-      return true;
-    }
+    if (p.name.empty()) return (*query = p.contents), true;
   return false;
 }
-
 // Holds the connection until the peer closes it or the agent is stopped.
 static void holdUntilClosed(SampleAgent *agent, int fd) {
   char sink[4096];
@@ -243,32 +192,12 @@ static void holdUntilClosed(SampleAgent *agent, int fd) {
     if (recv(fd, sink, sizeof sink, 0) <= 0) return;
 }
 
-// Holds without reading until the agent is stopped.
-static void holdUntilStopped(SampleAgent *agent) {
-  pollfd stop = {agent->stopPipe[0], POLLIN, 0};
-  while (poll(&stop, 1, -1) < 0 && errno == EINTR) {
-  }
-}
-
-/* ==== Serving ================================================================================ */
-
-static AgentScript takeScript(SampleAgent *agent, const std::string *query) {
+static AgentScript takeScript(SampleAgent *agent) {
   std::lock_guard<std::mutex> hold(agent->lock);
-  if (query) agent->requests.push_back(*query);
-  agent->connections++;
   if (agent->scripts.empty()) return AgentScript{};
   size_t i = agent->nextScript < agent->scripts.size() ? agent->nextScript++ : agent->scripts.size() - 1;
   return agent->scripts[i];
 }
-
-// The mode of the script the next connection takes.
-static AgentMode peekMode(SampleAgent *agent) {
-  std::lock_guard<std::mutex> hold(agent->lock);
-  if (agent->scripts.empty()) return AgentMode::Demo;
-  size_t i = std::min(agent->nextScript, agent->scripts.size() - 1);
-  return agent->scripts[i].mode;
-}
-
 static void dripBytes(int fd, const std::string &bytes, size_t step) {
   if (step == 0) step = 1;
   int one = 1;
@@ -278,32 +207,27 @@ static void dripBytes(int fd, const std::string &bytes, size_t step) {
     usleep(500);  // lets each piece travel on its own (the peer's reads see it split)
   }
 }
-
 static void serveConnection(SampleAgent *agent, int fd) {
-  if (peekMode(agent) == AgentMode::NoRead) {
-    takeScript(agent, nullptr);
-    holdUntilStopped(agent);
+  AgentScript script = takeScript(agent);
+  std::string query;
+  if (script.mode == AgentMode::NoRead) {  // holds without reading until stopped
+    waitReadable(agent, agent->stopPipe[0]);
     return;
   }
-  std::string query;
-  bool ok = readRequest(agent, fd, &query);
-  AgentScript script = takeScript(agent, ok ? &query : nullptr);
-  if (!ok) return;
-  if (agent->announce) fprintf(stderr, "sample_agent: request %s\n", query.c_str());
-  switch (script.mode) {
-    case AgentMode::CloseEarly: return;
-    case AgentMode::Silent: holdUntilClosed(agent, fd); return;
-    case AgentMode::NoRead: holdUntilStopped(agent); return;
-    case AgentMode::Drip: dripBytes(fd, agentReplyBytes(script, query), script.dripBytes); break;
-    default: {
-      std::string reply = agentReplyBytes(script, query);
-      sendAll(fd, reply.data(), reply.size());
-    }
+  if (!readRequest(agent, fd, &query)) return;
+  {
+    std::lock_guard<std::mutex> hold(agent->lock);
+    agent->requests.push_back(query);
   }
+  if (agent->announce) fprintf(stderr, "sample_agent: request %s\n", query.c_str());
+  if (script.mode == AgentMode::CloseEarly) return;
+  if (script.mode == AgentMode::Silent) return holdUntilClosed(agent, fd);
+  std::string reply = agentReplyBytes(script, query);
+  if (script.mode == AgentMode::Drip) dripBytes(fd, reply, script.dripBytes);
+  else sendAll(fd, reply.data(), reply.size());
   shutdown(fd, SHUT_WR);
   holdUntilClosed(agent, fd);  // the peer reads everything, then closes
 }
-
 int agentListen(SampleAgent *agent, int port) {
   if (pipe(agent->stopPipe) != 0) return errno;
   agent->listenFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -314,10 +238,7 @@ int agentListen(SampleAgent *agent, int port) {
   if (agent->receiveBuffer > 0)
     setsockopt(agent->listenFd, SOL_SOCKET, SO_RCVBUF, &agent->receiveBuffer,
                sizeof agent->receiveBuffer);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
+  sockaddr_in addr{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t len = sizeof addr;
   if (bind(agent->listenFd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
       listen(agent->listenFd, 16) != 0 ||
@@ -331,46 +252,31 @@ void agentServe(SampleAgent *agent, int maxConnections) {
   for (int served = 0; maxConnections <= 0 || served < maxConnections; served++) {
     if (!waitReadable(agent, agent->listenFd)) return;
     int fd = accept4(agent->listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
-      served--;
-      continue;
-    }
-    serveConnection(agent, fd);
-    close(fd);
+    if (fd < 0) served--;
+    else serveConnection(agent, fd), close(fd);
   }
 }
-
 int agentStart(SampleAgent *agent, int port) {
-  int err = agentListen(agent, port);
-  if (err != 0) return err;
+  if (int err = agentListen(agent, port); err != 0) return err;
   agent->thread = std::thread(agentServe, agent, 0);
   return 0;
 }
-
 void agentStop(SampleAgent *agent) {
-  if (agent->stopPipe[1] >= 0) {
-    ssize_t n = write(agent->stopPipe[1], "x", 1);
-    (void)n;
-  }
+  if (agent->stopPipe[1] >= 0 && write(agent->stopPipe[1], "x", 1) != 1) perror("sample_agent: stop");
   if (agent->thread.joinable()) agent->thread.join();
   for (int *fd : {&agent->listenFd, &agent->stopPipe[0], &agent->stopPipe[1]}) {
     if (*fd >= 0) close(*fd);
     *fd = -1;
   }
 }
-
 void agentPush(SampleAgent *agent, const AgentScript &script) {
   std::lock_guard<std::mutex> hold(agent->lock);
   agent->scripts.push_back(script);
 }
-
 std::vector<std::string> agentRequests(SampleAgent *agent) {
   std::lock_guard<std::mutex> hold(agent->lock);
   return agent->requests;
 }
-
-int agentOffset(const SampleAgent *agent) {
-  return (agent->port - AGENT_BASE_PORT) & 0xFFFF;
-}
+int agentOffset(const SampleAgent *agent) { return (agent->port - AGENT_BASE_PORT) & 0xFFFF; }
 
 }  // namespace quorvel::webagent

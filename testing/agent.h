@@ -13,7 +13,6 @@
 // gateway's code: it has its own encoder and decoder.
 //
 // The program `sample_agent` wraps this library:
-//
 //   sample_agent [--port P | --offset N] [--mode MODE] [--files N] [--size BYTES]
 //                [--pair NAME=CONTENTS]... [--drip BYTES] [--count K] [--port-file PATH]
 //
@@ -33,8 +32,6 @@
 // Once listening it prints one line on standard output and flushes it:
 //   sample_agent: listening on 127.0.0.1 port <P> offset <P-3726>
 // and, for each request served, a line "sample_agent: request <query>" on stderr.
-//
-// Results: 0 success, a positive errno from the socket layer, -1 for a bad message.
 #pragma once
 
 #include <cstddef>
@@ -52,6 +49,7 @@ inline constexpr uint32_t AGENT_MAGIC_WORD = 0xDEADBEEF;
 struct AgentPair {
   std::string name;      // "" for the page
   std::string contents;  // sent NUL-terminated and padded
+  bool operator==(const AgentPair &) const = default;
 };
 
 enum class AgentMode {
@@ -76,6 +74,7 @@ struct AgentScript {
   size_t fileSize = 0;           // Files
   size_t dripBytes = 7;          // Drip
   std::string raw;               // Raw
+  AgentScript(AgentMode m = AgentMode::Demo, std::vector<AgentPair> p = {}) : mode(m), pairs(p) {}
 };
 
 // A running agent. Start it, queue scripts, run requests against port, stop it.
@@ -90,25 +89,15 @@ struct SampleAgent {
   std::vector<AgentScript> scripts;   // one per connection; the last repeats
   size_t nextScript = 0;
   std::vector<std::string> requests;  // the query of every request received
-  int connections = 0;                // connections accepted
 };
-
-/* ---- Messages ------------------------------------------------------------------------ */
 
 // One whole message of the given pairs, with magic as the header's first word.
 std::string encodeAgentMessage(const std::vector<AgentPair> &pairs,
                                uint32_t magic = AGENT_MAGIC_WORD);
-// Decodes a whole message into pairs; 0, or -1 when it is malformed.
-int decodeAgentMessage(const std::string &msg, std::vector<AgentPair> *pairs);
-// The reply a script answers query with (modes that send a message at all).
-std::string agentReplyBytes(const AgentScript &script, const std::string &query);
 // The demo page for query, with its own response header.
 std::string demoPage(const std::string &query);
 // The agent's picture, an SVG document (text, so it survives the gateway's "%s" copy).
 std::string demoPicture();
-
-/* ---- Running ---------------------------------------------------------------------------- */
-
 // Binds 127.0.0.1:port (0 = a free port) and listens. Returns 0 or errno.
 int agentListen(SampleAgent *agent, int port);
 // Serves connections one after another until stopped or, when maxConnections > 0,
@@ -118,14 +107,12 @@ void agentServe(SampleAgent *agent, int maxConnections);
 int agentStart(SampleAgent *agent, int port);
 // Ends the serving thread (if any) and closes the sockets.
 void agentStop(SampleAgent *agent);
-
 // Queues one script (each connection takes the next; the last repeats).
 void agentPush(SampleAgent *agent, const AgentScript &script);
 // The queries received so far, in order.
 std::vector<std::string> agentRequests(SampleAgent *agent);
 // The number the gateway's query carries for this agent: port - 3726, taken in 16 bits.
 int agentOffset(const SampleAgent *agent);
-
 // sample_agent's command line; returns its exit status.
 int sampleAgentMain(int argc, char **argv);
 

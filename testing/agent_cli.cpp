@@ -1,7 +1,6 @@
 // agent_cli.cpp -- sample_agent's command line: options into a script, listen, announce
 // the port on standard output, serve.
 #include "testing/agent.h"
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,40 +24,30 @@ static const char USAGE[] =
     "  --port-file F  write the port number to F once listening\n"
     "  Once listening it prints: sample_agent: listening on 127.0.0.1 port P offset N\n";
 
-static const struct {
-  const char *name;
-  AgentMode mode;
-} MODES[] = {
-    {"demo", AgentMode::Demo},         {"files", AgentMode::Files},
-    {"pairs", AgentMode::Pairs},       {"bad-magic", AgentMode::BadMagic},
-    {"oversize", AgentMode::Oversize}, {"long-name", AgentMode::LongName},
-    {"extra-bytes", AgentMode::ExtraBytes}, {"close", AgentMode::CloseEarly},
-    {"silent", AgentMode::Silent},     {"drip", AgentMode::Drip},
+static const struct { const char *name; AgentMode mode; } MODES[] = {
+    {"demo", AgentMode::Demo}, {"files", AgentMode::Files}, {"pairs", AgentMode::Pairs},
+    {"bad-magic", AgentMode::BadMagic}, {"oversize", AgentMode::Oversize},
+    {"long-name", AgentMode::LongName}, {"extra-bytes", AgentMode::ExtraBytes},
+    {"close", AgentMode::CloseEarly}, {"silent", AgentMode::Silent}, {"drip", AgentMode::Drip},
     {"no-read", AgentMode::NoRead},
 };
 
 struct CliOptions {
-  int port = AGENT_BASE_PORT;
-  int count = 0;
+  int port = AGENT_BASE_PORT, count = 0;
   const char *portFile = nullptr;
   AgentScript script;
 };
-
-static bool parseMode(const char *name, AgentMode *mode) {
-  for (const auto &m : MODES)
-    if (strcmp(m.name, name) == 0) {
-      *mode = m.mode;
-      return true;
-    }
-  return false;
-}
 
 // Applies one option with its value; false for an unknown option or a bad value.
 static bool applyOption(CliOptions *o, const char *opt, const char *value) {
   char *end = nullptr;
   long n = strtol(value, &end, 10);
   bool number = *value && *end == '\0' && n >= 0;
-  if (strcmp(opt, "--mode") == 0) return parseMode(value, &o->script.mode);
+  if (strcmp(opt, "--mode") == 0) {
+    for (const auto &m : MODES)
+      if (strcmp(m.name, value) == 0) return (o->script.mode = m.mode), true;
+    return false;
+  }
   if (strcmp(opt, "--port-file") == 0) return (o->portFile = value), true;
   if (strcmp(opt, "--pair") == 0) {
     const char *eq = strchr(value, '=');
@@ -77,39 +66,24 @@ static bool applyOption(CliOptions *o, const char *opt, const char *value) {
   return false;
 }
 
-static bool writePortFile(const char *path, int port) {
-  FILE *f = fopen(path, "w");
-  if (!f) return false;
-  fprintf(f, "%d\n", port);
-  return fclose(f) == 0;
-}
-
 int sampleAgentMain(int argc, char **argv) {
   CliOptions o;
   o.script.fileSize = 1024;
-  // Options come in pairs: the option, then its value.
   for (int i = 1; i < argc; i += 2) {
-    if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
-      fputs(USAGE, stdout);
-      return 0;
-    }
-    if (i + 1 >= argc || !applyOption(&o, argv[i], argv[i + 1])) {
-      fprintf(stderr, "sample_agent: bad option %s\n%s", argv[i], USAGE);
-      return 2;
-    }
+    if (!strcmp(argv[i], "--help") || !strcmp(argv[i], "-h")) return fputs(USAGE, stdout), 0;
+    if (i + 1 >= argc || !applyOption(&o, argv[i], argv[i + 1]))
+      return fprintf(stderr, "sample_agent: bad option %s\n%s", argv[i], USAGE), 2;
   }
   signal(SIGPIPE, SIG_IGN);
   SampleAgent agent;
   agent.announce = true;
   agentPush(&agent, o.script);
-  if (int err = agentListen(&agent, o.port); err != 0) {
-    fprintf(stderr, "sample_agent: cannot listen on 127.0.0.1 port %d: %s\n", o.port, strerror(err));
-    return 1;
-  }
-  if (o.portFile && !writePortFile(o.portFile, agent.port)) {
-    perror(o.portFile);
-    return 1;
-  }
+  if (int err = agentListen(&agent, o.port); err != 0)
+    return fprintf(stderr, "sample_agent: cannot listen on 127.0.0.1 port %d: %s\n", o.port,
+                   strerror(err)), 1;
+  FILE *f = o.portFile ? fopen(o.portFile, "w") : nullptr;
+  if (o.portFile && (!f || fprintf(f, "%d\n", agent.port) < 0 || fclose(f) != 0))
+    return perror(o.portFile), 1;
   printf("sample_agent: listening on 127.0.0.1 port %d offset %d\n", agent.port,
          agentOffset(&agent));
   fflush(stdout);
