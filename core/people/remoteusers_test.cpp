@@ -1,46 +1,32 @@
-// Tests of the users of server-attached contexts, against the fake calendar server on
-// loopback: the request sent, how the server's answer marks a change, and who hears it.
+// Server-attached contexts' users against the fake calendar server: who is asked and told.
 #include "core/people/people_test_util.h"
-
 #include "core/net/link.h"
-#include "core/net/remote.h"
 #include "testing/calserver.h"
-
 using namespace quorvel;
 
-namespace {
-
-std::vector<DbHandle *> effects;  // the context of each change carried out
-void recordEffect(DbHandle *m, DbHandle *ctx) {
-  EXPECT_EQ(m, mainDb());
-  effects.push_back(ctx);
-}
+static std::vector<DbHandle *> effects;  // the context of each change carried out
 
 class RemoteUsersTest : public PeopleTest {
  protected:
   CalServer server;
   DbHandle *remote = nullptr;  // a server-attached context, server value 4
-
   void SetUp() override {
     PeopleTest::SetUp();
-    resetLink();
     setLinkMessageHook([](const char *) {});  // link losses are expected here
     effects.clear();
-    setUserChangeHook(recordEffect);
+    setUserChangeHook([](DbHandle *m, DbHandle *c) { effects.push_back(m == mainDb() ? c : 0); });
     ASSERT_EQ(startCalServer(&server), 0);
     remote = attach("srv", 4);
   }
   void TearDown() override {
     for (DbHandle *db : others) freeServerLink(db->server), db->server = nullptr;
-    stopCalServer(&server);
-    resetLink();
+    stopCalServer(&server), resetLink();
     PeopleTest::TearDown();
   }
   DbHandle *attach(const char *node, int32_t value) {
     DbHandle *db = makeContext(node, DB_KIND_NONE);
     db->server = newServerLink(calAddress(&server).c_str());
-    db->server->waitMs = 3000;
-    db->server->serverValue = value;
+    db->server->waitMs = 3000, db->server->serverValue = value;
     return db;
   }
   // Scripts a RemGetUsers answer (a field of `kind`, then the number) and refreshes.
@@ -50,15 +36,14 @@ class RemoteUsersTest : public PeopleTest {
   }
 };
 
-}  // namespace
-
-TEST_F(RemoteUsersTest, ReadingAServerContextAsksTheServerInsteadOfTheFile) {
+TEST_F(RemoteUsersTest, AsksTheServerInsteadOfTheFileAndMarksTheAnsweringContext) {
+  EXPECT_EQ(refreshRemoteUsers(makeContext("plain", DB_KIND_NONE), &changed, nullptr), -1);
+  EXPECT_EQ(changed, 0);  // a context without a connection is not asked
   writeAt("db/remoteUsers/srv", "never,read\n", 100);
-  setViewedCalendar(3);  // the result is the calendar in view, not the own one
+  setViewedCalendar(0);  // the result is the calendar in view, not the own one
   remote->changed = true;
-  EXPECT_EQ(ask(remote, nullptr, 2, 9), 3);
-  EXPECT_TRUE(changed == 1 && remote->changed);
-  EXPECT_EQ(remote->server->serverValue, 9);
+  EXPECT_EQ(ask(remote, nullptr, 2, 9), 0);
+  EXPECT_TRUE(changed == 1 && remote->changed && remote->server->serverValue == 9);
   EXPECT_EQ(remote->users, nullptr);  // the file was not read
   EXPECT_EQ(effects, std::vector<DbHandle *>{remote});
   EXPECT_TRUE(calRequests(&server).back().fields.at(1).payload.empty());  // no name
@@ -67,26 +52,20 @@ TEST_F(RemoteUsersTest, ReadingAServerContextAsksTheServerInsteadOfTheFile) {
   remote->changed = true;
   ask(remote, nullptr, 8, 77);  // a kind-8 answer never marks a change
   EXPECT_TRUE(changed == 0 && !remote->changed && remote->server->serverValue == 9);
-  main->kind = DB_KIND_LOCAL;  // a main context of kind 1 carries no change
-  ask(remote, nullptr, 2, 5);
-  EXPECT_EQ(changed, 1);
-  EXPECT_EQ(effects.size(), 1u);
-}
-
-TEST_F(RemoteUsersTest, RefreshNamesACalendarWhoseOwnConnectionTakesTheAnswer) {
-  EXPECT_EQ(refreshRemoteUsers(makeContext("plain", DB_KIND_NONE), &changed, nullptr), -1);
-  EXPECT_EQ(changed, 0);
+  // A refresh naming a calendar whose context has its own connection: that one answers.
   DbHandle *anna = attach("anna", 3);
   EXPECT_EQ(ask(remote, "anna", 2, 8), 0);
-  EXPECT_TRUE(changed == 1 && anna->changed);
-  EXPECT_EQ(anna->server->serverValue, 8);
-  EXPECT_EQ(remote->server->serverValue, 4);  // the asking link keeps its own value
+  EXPECT_TRUE(changed == 1 && anna->changed && anna->server->serverValue == 8);
+  EXPECT_EQ(remote->server->serverValue, 9);  // the asking link keeps its own value
   EXPECT_EQ(calFieldText(calRequests(&server).back().fields[1]), "anna");
   EXPECT_EQ(ask(remote, "anna", 2, 8), 0);  // an equal answer clears anna's mark
   EXPECT_TRUE(changed == 0 && !anna->changed);
   ask(remote, "stranger", 2, 6);  // a name without a context: the asking link answers
   EXPECT_EQ(remote->server->serverValue, 6);
-  EXPECT_EQ(effects, (std::vector<DbHandle *>{anna, remote}));
+  EXPECT_EQ(effects, (std::vector<DbHandle *>{remote, anna, remote}));
+  main->kind = DB_KIND_LOCAL;  // a main context of kind 1 carries no change
+  ask(remote, nullptr, 2, 5);
+  EXPECT_TRUE(changed == 1 && effects.size() == 3);
 }
 
 TEST_F(RemoteUsersTest, AMalformedAnswerFailsWithoutAChange) {
@@ -94,11 +73,9 @@ TEST_F(RemoteUsersTest, AMalformedAnswerFailsWithoutAChange) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(refreshRemoteUsers(remote, &changed, nullptr), -1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "RemGetUsers: bad reply\n");
-  EXPECT_EQ(changed, 0);
-  EXPECT_TRUE(effects.empty());
+  EXPECT_TRUE(changed == 0 && effects.empty());
   remote->kind = DB_KIND_LOCAL;  // kind 1 with a connection is local: its file is read
   writeAt("db/remoteUsers/srv", "filed,x\n", 100);
   readUsersFile(remote, &changed);
-  ASSERT_NE(remote->users, nullptr);
-  EXPECT_STREQ(remote->users->entries[0].name, "filed");
+  EXPECT_STREQ(remote->users ? remote->users->entries[0].name : nullptr, "filed");
 }
