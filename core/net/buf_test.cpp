@@ -1,45 +1,33 @@
-// The message buffer: StuffBuf's field layout, growth in 3996-byte blocks and its cap,
-// ReadBuf's fit and size checks with their reports, the cursor.
+// The message buffer: field layout, growth in 3996-byte blocks to a cap, fit checks, cursor.
 #include "core/net/buf.h"
-
 #include <gtest/gtest.h>
-
 #include <array>
 #include <cstring>
 #include <string>
 #include <vector>
-
 #include "core/base/base.h"
 #include "core/net/memlimit.h"
 
 namespace quorvel {
 namespace {
-
 using namespace std::string_literals;
-
 class BufTest : public testing::Test {
  protected:
   void TearDown() override { freeBuf(b); }
   void load(const std::string &bytes, size_t start = 0) {  // a buffer of exactly these bytes
-    freeBuf(b);
-    b = NewBuf();
-    growBuf(b, bytes.size());
+    freeBuf(b), b = NewBuf(), growBuf(b, bytes.size());
     if (!bytes.empty()) memcpy(bufData(b), bytes.data(), bytes.size());
     seekBuf(b, start);
   }
-  std::string bytes(size_t from, size_t to) const {
-    return std::string(reinterpret_cast<const char *>(bufAt(b, from)), to - from);
-  }
+  std::string bytes(size_t from, size_t to) const { return {(char *)bufAt(b, from), to - from}; }
   Buf *b = NewBuf();
 };
-
 template <class F>
 std::string stderrOf(F f) {
   testing::internal::CaptureStderr();
   f();
   return testing::internal::GetCapturedStderr();
 }
-
 template <class T>
 std::string native(std::initializer_list<T> v) {
   return std::string(reinterpret_cast<const char *>(v.begin()), v.size() * sizeof(T));
@@ -81,42 +69,28 @@ TEST_F(BufTest, GrowsInBlocksKeepingCursorAndContentsUpToTheCap) {
   std::string fill(3996 - 8 - 4, 'x');  // fills the block exactly: no growth
   StuffBuf(b, fill.data(), fill.size(), 1, bufTag('X'));
   EXPECT_EQ(bufSize(b), 3996u);
-  StuffBuf(b, "y", 1, 1, bufTag('Y'));  // one byte more: one block more
-  EXPECT_EQ(bufSize(b), 2u * 3996);
-  EXPECT_EQ(bytes(0, 8), "T\0\0\3abc\0"s);
+  StuffBuf(b, "y", 1, 1, bufTag('Y'));  // one byte more: one block more, contents kept
+  EXPECT_TRUE(bufSize(b) == 2u * 3996 && bytes(0, 8) == "T\0\0\3abc\0"s);
   std::string big(10000, 'z');  // beyond a block: grows by itself rounded up (10004 -> 3)
   StuffBuf(b, big.data(), big.size(), 1, bufTag('Z'));
   EXPECT_EQ(bufSize(b), 5u * 3996);
   EXPECT_EQ(bytes(4008, 14008), big);
   growBuf(b, 100);
   EXPECT_TRUE(bytes(5 * 3996 + 96, bufSize(b)) == "\0\0\0\0"s && bufUsed(b) == 14008u);
-  load("");  // reserveBuf grows by the request (rounded) only when it exceeds the size
-  reserveBuf(b, 5000), reserveBuf(b, 7992);
-  EXPECT_EQ(bufSize(b), 2u * 3996);
-  reserveBuf(b, 7993);
-  EXPECT_EQ(bufSize(b), 5u * 3996);
-  load("");
-  growBuf(b, 0), growBuf(b, 16000001);
-  EXPECT_EQ(b->data, nullptr);
-  // A field whose block-rounded growth passes the cap is dropped silently; the
-  // largest one a growth can hold goes through.
+  EXPECT_EQ((load(""), growBuf(b, 0), growBuf(b, 16000001), b->data), nullptr);
+  // A field whose rounded growth passes the cap is dropped silently; the largest one fits.
   std::vector<char> huge(16000000, 'q');
   EXPECT_EQ(stderrOf([&] { StuffBuf(b, huge.data(), huge.size(), 1, bufTag('T')); }), "");
   EXPECT_EQ(bufSize(b), 0u);
   StuffBuf(b, huge.data(), 4004 * 3996 - 4, 1, bufTag('T'));
   EXPECT_EQ(bufUsed(b), 4004u * 3996);
-  load("");
-  growBuf(b, 16000000);
-  EXPECT_EQ(bufSize(b), 16000000u);
+  EXPECT_EQ((load(""), growBuf(b, 16000000), bufSize(b)), 16000000u);
 }
 
-TEST_F(BufTest, ReadBufRefusesFieldsThatDoNotFitOrBreakTheGranularity) {
+TEST_F(BufTest, ReadBufPeekTagAndSkipFieldRefuseFieldsThatDoNotFitOrBreakTheGranularity) {
   const std::string over = "ReadBuf: overflowed buffer\n", two = "\0\0\0\1\0\0\0\2"s;
   struct Row {  // the whole storage and the cursor, the destination's size, what happens
-    std::string bytes;
-    size_t start, dst;
-    int granularity, tagged, result;
-    std::string report;
+    std::string bytes; size_t start, dst; int granularity, tagged, result; std::string report;
     size_t usedAfter;
   } rows[] = {
       {two, 4, 4, 4, 0, -1, over, 8},                  // the last untagged word
@@ -127,8 +101,7 @@ TEST_F(BufTest, ReadBufRefusesFieldsThatDoNotFitOrBreakTheGranularity) {
       {"N\0\0\6"s + std::string(12, '\1'), 0, 64, 4, 1, -1,
        "ReadBuf: bad size: 6, granularity: 4\n", 0},
       {"", 0, 64, 1, 1, -1, over, 0},                  // no room even for a tag word
-      {std::string(8, '\0'), 0, 64, 1, 1, 0, "", 0},   // a zero tag word
-      {std::string(4, '\0'), 0, 0, 1, 0, 0, "", 0}};   // untagged, nothing asked
+      {std::string(8, '\0'), 0, 64, 1, 1, 0, "", 0}};  // a zero tag word
   for (const Row &r : rows) {
     load(r.bytes, r.start);
     std::vector<uint8_t> dst(r.dst + 1, 0xEE);
@@ -138,10 +111,8 @@ TEST_F(BufTest, ReadBufRefusesFieldsThatDoNotFitOrBreakTheGranularity) {
     EXPECT_TRUE(result == r.result && bufUsed(b) == r.usedAfter) << r.bytes.size() << r.start;
     EXPECT_EQ(dst[r.dst], 0xEE);  // never past the destination
   }
-}
-
-TEST_F(BufTest, PeekTagAndSkipFieldStayWithinTheStorage) {
-  uint32_t length = 0;
+  uint32_t length = 0;  // peekTag and skipField stay within the storage too
+  load("");
   EXPECT_EQ(peekTag(b, &length), -1);
   StuffBuf(b, "abcdefghi", 9, 1, bufTag('p'));
   EXPECT_EQ((rewindBuf(b), peekTag(b, &length)), int32_t(0x70000000));
@@ -153,37 +124,28 @@ TEST_F(BufTest, PeekTagAndSkipFieldStayWithinTheStorage) {
     EXPECT_TRUE(skipField(b, n) == result && bufUsed(b) == size_t(used)) << n;
   b->size = 8;  // a caller cut the storage below the cursor: nothing fits
   uint8_t word[4];
-  EXPECT_EQ(skipField(b, 4), -1);
+  EXPECT_TRUE(skipField(b, 4) == -1 && peekTag(b, &length) == -1);
   EXPECT_EQ(stderrOf([&] { EXPECT_EQ(ReadBuf(b, word, 4, 1, 0), -1); }),
             "ReadBuf: overflowed buffer\n");
 }
 
 TEST_F(BufTest, NewRewindSeekClearAndStatusRepeats) {
-  auto expectEmpty = [this] {  // no storage, no marks, callers' words 0, the limits
-    EXPECT_TRUE(b->data == nullptr && bufPosition(b) == nullptr && bufSize(b) == 0);
-    EXPECT_EQ(bufMarkA(b) & bufMarkB(b), INT32_MIN);
-    EXPECT_EQ(b->status | b->owner | b->unused1 | b->unused2 | b->unused3 | b->extended, 0);
-    EXPECT_TRUE(b->limitA == 3000 && b->limitB == 1024);
-  };
-  expectEmpty();
-  EXPECT_EQ(b->count | b->guard | b->statusRepeats | b->peerMajor | b->peerMinor, 0);
+  EXPECT_TRUE(b->limitA == 3000 && b->limitB == 1024 && (bufMarkA(b) & bufMarkB(b)) == INT32_MIN);
   setBufStatus(b, 5), setBufStatus(b, -3);
   EXPECT_TRUE(bufFailed(b) && bufStatusRepeats(b) == 2);
   setBufStatus(b, 0);
   EXPECT_FALSE(bufFailed(b) || bufStatusRepeats(b) != 0);
   setBufCount(b, 7), setBufOwner(b, 42), setBufMarkA(b, 1), setBufMarkB(b, 2);
   StuffBuf(b, "abcdefgh", 8, 1, BUF_UNTAGGED);
-  rewindBuf(b);
-  EXPECT_TRUE(bufPosition(b) == bufData(b) && bufCount(b) == 0);
+  rewindBuf(b);  // keeps the owner
+  EXPECT_TRUE(bufPosition(b) == bufData(b) && bufCount(b) == 0 && bufOwner(b) == 42);
   EXPECT_EQ(bufMarkA(b) & bufMarkB(b), INT32_MIN);
-  EXPECT_EQ(bufOwner(b), 42);  // rewind keeps the owner
   seekBuf(b, 5), seekBuf(b, bufSize(b));  // not below the size: ignored
-  EXPECT_EQ(bufUsed(b), 5u);
-  zeroBuf(b, 4);
+  EXPECT_EQ((zeroBuf(b, 4), bufUsed(b)), 5u);
   EXPECT_EQ(bytes(0, 8), "\0\0\0\0efgh"s);
-  b->extended = 1, setBufStatus(b, 9), setBufMarkA(b, 3);
-  clearBuf(b);
-  expectEmpty();
+  b->extended = 1, setBufStatus(b, 9), clearBuf(b);  // back to a new buffer's state
+  EXPECT_TRUE(b->data == nullptr && bufPosition(b) == nullptr && bufSize(b) == 0);
+  EXPECT_EQ(b->status | b->owner | b->extended, 0);
 }
 
 TEST(BufDeath, OutOfMemoryNamesTheRoutine) {
@@ -195,6 +157,5 @@ TEST(BufDeath, OutOfMemoryNamesTheRoutine) {
               "^OutOfMem: called from growBuf\\(\\)\n$");
   freeBuf(b);
 }
-
 }  // namespace
 }  // namespace quorvel
