@@ -89,7 +89,7 @@ TEST_F(DbLock, LockOwnerCheckObjectsOnlyToAForeignNonEmptyFile) {
   struct Row { const char *file; std::string id; int result; };  // null file: none
   for (const Row &row : {Row{nullptr, "", 0}, Row{"", "pat@host", 0}, Row{"pat@host", "pat@host", 0},
                          Row{"pat@hostX", "pat@host", -1}, Row{"kim@host", "pat@host", -1},
-                         Row{"x", "", -1}, Row{longFile.c_str(), id100, 0}}) {  // 100 bytes count
+                         Row{"x", "", -1}, Row{longFile.c_str(), longFile, 0}}) {  // 100 bytes count
     row.file ? writeFile(f, row.file) : (void)std::filesystem::remove(f);
     setLockOwner(row.id.data(), row.id.size());
     int r = 0;
