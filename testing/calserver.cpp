@@ -1,6 +1,6 @@
 // calserver.cpp -- the fake calendar server: accepts loopback connections on its own
 // thread, records each request and answers it by the next step of its script.
-// Divisions: field helpers, message building, the serving loop, start and stop.
+// Divisions: fields and steps, the serving loop, start and stop.
 #include "testing/calserver.h"
 
 #include <arpa/inet.h>
@@ -9,13 +9,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 
 namespace quorvel {
-
-/* ==== Field helpers ============================================================== */
 
 static void putWord(std::vector<uint8_t> *out, uint32_t v) {
   uint32_t n = htonl(v);
@@ -29,27 +28,15 @@ static uint32_t getWord(const uint8_t *p) {
   return ntohl(n);
 }
 
+CalField calBytes(int kind, std::string bytes) { return CalField{kind, {bytes.begin(), bytes.end()}}; }
+
 CalField calNumber(int32_t value) {
-  CalField f;
-  f.kind = 51;
+  CalField f{51, {}};
   putWord(&f.payload, static_cast<uint32_t>(value));
   return f;
 }
 
-CalField calText(const std::string &text) {
-  CalField f;
-  f.kind = 56;
-  f.payload.assign(text.begin(), text.end());
-  f.payload.push_back(0);
-  return f;
-}
-
-CalField calBytes(int kind, std::string bytes) {
-  CalField f;
-  f.kind = kind;
-  f.payload.assign(bytes.begin(), bytes.end());
-  return f;
-}
+CalField calText(const std::string &text) { return calBytes(56, text + '\0'); }
 
 int32_t calFieldNumber(const CalField &f) {
   return f.payload.size() >= 4 ? static_cast<int32_t>(getWord(f.payload.data())) : 0;
@@ -60,18 +47,14 @@ std::string calFieldText(const CalField &f) {
   return s.substr(0, s.find('\0'));
 }
 
-bool calParseFields(const uint8_t *body, size_t length, std::vector<CalField> *out) {
-  size_t at = 0;
-  while (at < length) {
+// Splits a message body into tagged fields; false when it does not parse exactly.
+static bool parseFields(const uint8_t *body, size_t length, std::vector<CalField> *out) {
+  for (size_t at = 0; at < length;) {
     if (length - at < 4) return false;
     uint32_t word = getWord(body + at);
-    size_t n = word & 0xFFFFFF;
-    size_t space = 4 + (n + 3) / 4 * 4;
+    size_t n = word & 0xFFFFFF, space = 4 + (n + 3) / 4 * 4;
     if (space > length - at) return false;
-    CalField f;
-    f.kind = static_cast<int>(word >> 24);
-    f.payload.assign(body + at + 4, body + at + 4 + n);
-    out->push_back(std::move(f));
+    out->push_back(CalField{static_cast<int>(word >> 24), {body + at + 4, body + at + 4 + n}});
     at += space;
   }
   return true;
@@ -79,8 +62,7 @@ bool calParseFields(const uint8_t *body, size_t length, std::vector<CalField> *o
 
 CalStep calReply(std::vector<CalField> fields, int code) {
   CalStep s;
-  s.fields = std::move(fields);
-  s.code = code;
+  s.code = code, s.fields = std::move(fields);
   return s;
 }
 
@@ -88,9 +70,7 @@ CalStep calBusy() { return calReply({}, 217); }
 
 CalStep calServerValue(int32_t v) {
   // The reply code counts as the first field, so the value is the sixth of the body.
-  return calReply({calText(""), calNumber(0), calNumber(0), calNumber(0), calNumber(0),
-                   calNumber(v)},
-                  218);
+  return calReply({calText(""), calNumber(0), calNumber(0), calNumber(0), calNumber(0), calNumber(v)}, 218);
 }
 
 CalStep calAction(CalAction action) {
@@ -99,33 +79,27 @@ CalStep calAction(CalAction action) {
   return s;
 }
 
-/* ==== Message building =========================================================== */
-
 static std::vector<uint8_t> buildReply(const CalStep &step, int requestCode) {
-  std::vector<uint8_t> msg(12, 0);
+  std::vector<uint8_t> msg;
+  putWord(&msg, static_cast<uint32_t>((step.code ? step.code : requestCode + 100) << 16 |
+                                      step.major << 8 | step.minor));
+  msg.resize(12);
   for (const CalField &f : step.fields) {
     putWord(&msg, (static_cast<uint32_t>(f.kind) << 24) | (f.payload.size() & 0xFFFFFF));
     msg.insert(msg.end(), f.payload.begin(), f.payload.end());
-    while (msg.size() % 4) msg.push_back(0);
+    msg.resize((msg.size() + 3) / 4 * 4);
   }
   msg.insert(msg.end(), step.raw.begin(), step.raw.end());
-  uint16_t code = htons(static_cast<uint16_t>(step.code ? step.code : requestCode + 100));
-  memcpy(msg.data(), &code, 2);
-  msg[2] = static_cast<uint8_t>(step.major);
-  msg[3] = static_cast<uint8_t>(step.minor);
-  uint32_t len = htonl(step.zeroLength ? 0 : static_cast<uint32_t>(msg.size()));
-  uint32_t magic = htonl(step.magic);
+  uint32_t len = htonl(step.zeroLength ? 0 : static_cast<uint32_t>(msg.size())), magic = htonl(step.magic);
   memcpy(msg.data() + 4, &len, 4);
   memcpy(msg.data() + 8, &magic, 4);
   return msg;
 }
 
-/* ==== The serving loop ============================================================ */
-
 // Sleeps in short slices so that a stop cuts the wait short.
 static void sleepMs(CalServer *s, int ms) {
   for (int left = ms; left > 0 && !s->stopping; left -= 10)
-    std::this_thread::sleep_for(std::chrono::milliseconds(left < 10 ? left : 10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::min(left, 10)));
 }
 
 // Waits for input on fd, in short rounds so that a stop is noticed; false on stop.
@@ -139,58 +113,38 @@ static bool waitReadable(CalServer *s, int fd) {
   return false;
 }
 
-// Reads exactly n bytes; false on end of input, error or stop.
-static bool readFull(CalServer *s, int fd, uint8_t *p, size_t n) {
+// Reads (out: sends) exactly n bytes; false on end of input, error or stop.
+static bool transfer(CalServer *s, int fd, uint8_t *p, size_t n, bool out = false) {
   while (n > 0) {
-    if (!waitReadable(s, fd)) return false;
-    ssize_t r = recv(fd, p, n, 0);
+    if (!out && !waitReadable(s, fd)) return false;
+    ssize_t r = out ? send(fd, p, n, MSG_NOSIGNAL) : recv(fd, p, n, 0);
     if (r < 0 && errno == EINTR) continue;
     if (r <= 0) return false;
-    p += r;
-    n -= static_cast<size_t>(r);
-  }
-  return true;
-}
-
-static bool sendAll(int fd, const uint8_t *p, size_t n) {
-  while (n > 0) {
-    ssize_t r = send(fd, p, n, MSG_NOSIGNAL);
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return false;
-    p += r;
-    n -= static_cast<size_t>(r);
+    p += r, n -= static_cast<size_t>(r);
   }
   return true;
 }
 
 static bool readRequest(CalServer *s, int fd, CalRequest *req) {
   uint8_t head[12];
-  if (!readFull(s, fd, head, 12)) return false;
+  if (!transfer(s, fd, head, 12)) return false;
   req->code = (head[0] << 8) | head[1];
-  req->major = head[2];
-  req->minor = head[3];
-  req->length = getWord(head + 4);
   req->magic = getWord(head + 8);
-  if (req->length < 12 || req->length > (64u << 20)) return false;
-  std::vector<uint8_t> body(req->length - 12);
-  if (!readFull(s, fd, body.data(), body.size())) return false;
-  req->wellFormed = calParseFields(body.data(), body.size(), &req->fields);
+  uint32_t length = getWord(head + 4);
+  if (length < 12 || length > (64u << 20)) return false;
+  std::vector<uint8_t> body(length - 12);
+  if (!transfer(s, fd, body.data(), body.size())) return false;
+  req->wellFormed = parseFields(body.data(), body.size(), &req->fields);
   return true;
 }
 
-static CalStep nextStep(CalServer *s) {
+// The next step of the script (a normal reply once it is used up), taken off or not.
+static CalStep nextStep(CalServer *s, bool take) {
   std::lock_guard<std::mutex> g(s->lock);
   if (s->script.empty()) return CalStep{};
   CalStep step = s->script.front();
-  s->script.erase(s->script.begin());
+  if (take) s->script.erase(s->script.begin());
   return step;
-}
-
-static const CalStep *peekStep(CalServer *s, CalStep *copy) {
-  std::lock_guard<std::mutex> g(s->lock);
-  if (s->script.empty()) return nullptr;
-  *copy = s->script.front();
-  return copy;
 }
 
 // Answers one request by the step; false when the connection is to be dropped.
@@ -199,7 +153,6 @@ static bool answer(CalServer *s, int fd, const CalStep &step, int requestCode) {
   std::vector<uint8_t> msg = buildReply(step, requestCode);
   switch (step.action) {
     case CAL_CLOSE:
-    case CAL_REFUSE:
       return false;
     case CAL_RESET: {
       linger hard{1, 0};  // closing with a zero linger time sends a reset
@@ -207,71 +160,52 @@ static bool answer(CalServer *s, int fd, const CalStep &step, int requestCode) {
       return false;
     }
     case CAL_SILENT:
-      while (waitReadable(s, fd)) {
-        uint8_t junk[256];
-        if (recv(fd, junk, sizeof junk, 0) <= 0) break;
+      for (uint8_t junk[256]; waitReadable(s, fd) && recv(fd, junk, sizeof junk, 0) > 0;) {
       }
       return false;
     case CAL_TRUNCATE:
-      sendAll(fd, msg.data(), std::min(msg.size(), static_cast<size_t>(step.cutBytes)));
+      transfer(s, fd, msg.data(), std::min<size_t>(msg.size(), 6), true);
       return false;
     case CAL_OVERLONG:
-      msg.insert(msg.end(), static_cast<size_t>(step.extraBytes), 0x5A);
-      return sendAll(fd, msg.data(), msg.size());
+      msg.insert(msg.end(), 8, 0x5A);
+      return transfer(s, fd, msg.data(), msg.size(), true);
     case CAL_REPLY:
-      return sendAll(fd, msg.data(), msg.size());
+      return transfer(s, fd, msg.data(), msg.size(), true);
   }
   return false;
 }
 
-static void serveConnection(CalServer *s, int fd) {
-  for (;;) {
-    CalStep ahead;
-    const CalStep *next = peekStep(s, &ahead);
-    if (next && next->action == CAL_REFUSE) {
-      nextStep(s);
-      return;
-    }
-    if (next) sleepMs(s, next->stallReadMs);
-    CalRequest req;
-    if (!readRequest(s, fd, &req)) return;
-    {
-      std::lock_guard<std::mutex> g(s->lock);
-      s->requests.push_back(req);
-    }
-    s->changed.notify_all();
-    if (!answer(s, fd, nextStep(s), req.code)) return;
-  }
-}
-
 static void serveLoop(CalServer *s) {
-  while (!s->stopping) {
-    if (!waitReadable(s, s->listenFd)) break;
+  while (!s->stopping && waitReadable(s, s->listenFd)) {
     int fd = accept(s->listenFd, nullptr, nullptr);
     if (fd < 0) continue;
     {
       std::lock_guard<std::mutex> g(s->lock);
       s->connections++;
     }
-    serveConnection(s, fd);
+    for (;;) {
+      sleepMs(s, nextStep(s, false).stallReadMs);
+      CalRequest req;
+      if (!readRequest(s, fd, &req)) break;
+      {
+        std::lock_guard<std::mutex> g(s->lock);
+        s->requests.push_back(req);
+      }
+      if (!answer(s, fd, nextStep(s, true), req.code)) break;
+    }
     close(fd);
   }
 }
-
-/* ==== Start and stop ================================================================ */
 
 int startCalServer(CalServer *s) {
   s->listenFd = socket(AF_INET, SOCK_STREAM, 0);
   if (s->listenFd < 0) return -1;
   int on = 1;
   setsockopt(s->listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t alen = sizeof a;
-  if (bind(s->listenFd, reinterpret_cast<sockaddr *>(&a), sizeof a) < 0 ||
-      listen(s->listenFd, 8) < 0 ||
-      getsockname(s->listenFd, reinterpret_cast<sockaddr *>(&a), &alen) < 0) {
+  sockaddr *sa = reinterpret_cast<sockaddr *>(&a);
+  if (bind(s->listenFd, sa, alen) < 0 || listen(s->listenFd, 8) < 0 || getsockname(s->listenFd, sa, &alen) < 0) {
     int saved = errno;
     close(s->listenFd);
     s->listenFd = -1;
@@ -306,8 +240,6 @@ int calConnections(CalServer *s) {
   return s->connections;
 }
 
-std::string calAddress(const CalServer *s) {
-  return "127.0.0.1:" + std::to_string(s->port - 3751);
-}
+std::string calAddress(const CalServer *s) { return "127.0.0.1:" + std::to_string(s->port - 3751); }
 
 }  // namespace quorvel
