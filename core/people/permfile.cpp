@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 #include "core/base/base.h"
 #include "core/db/context.h"
@@ -303,10 +304,11 @@ void dumpDatPerms(DbHandle *ctx) {
 /* ==== Reading ======================================================================= */
 
 // A value that ends in a backslash would continue onto the next line when written
-// again; the backslashes are cut, as the record files cut their texts.
+// again, and a carriage return at its end would be taken for part of the line end:
+// both are cut, as the record files cut their texts.
 static std::string cleanValue(const char *value) {
   std::string v(value);
-  while (!v.empty() && v.back() == '\\') v.pop_back();
+  while (!v.empty() && (v.back() == '\\' || v.back() == '\r')) v.pop_back();
   return v;
 }
 
@@ -326,21 +328,25 @@ static void readLine(DatEntry *rec, const RecordLine &line) {
   }
 }
 
-// Keeps a finished record when it names an owner; one without grants nothing, and as
-// a first record it would stop every later one from being written again.
-static void finishRecord(DbHandle *ctx, DatEntry *rec, bool *open) {
-  if (!*open) return;
-  *open = false;
-  if (rec->owner < 0 && rec->ownerName.empty()) {
-    freebits(&rec->W), freebits(&rec->agents), freebits(&rec->schedulers);
-    freebits(&rec->readers), freebits(&rec->writers), freebits(&rec->X);
-  } else {
-    DatEntry *slot = AddToDat(ctx, rec->owner);
-    DatEntry *next = slot->next;
-    *slot = std::move(*rec);  // the sets change hands
-    slot->next = next;
+// Reads a record's lines in the writer's order whatever their order in the text: the
+// owner is named in the table current before the record's J line, the sets in the
+// table that J line makes current. A record without an owner grants nothing and is
+// dropped (as a first record it would stop every later one from being written again).
+static void readRecord(DbHandle *ctx, const std::vector<RecordLine> &lines) {
+  DatEntry rec{};
+  rec.owner = -1, rec.begin = rec.final = initDateTime();
+  for (const char *pass : {"O", "J", "BFWRCYNX"})
+    for (const RecordLine &line : lines)
+      if (strchr(pass, line.tag) != nullptr) readLine(&rec, line);
+  if (rec.owner < 0 && rec.ownerName.empty()) {
+    freebits(&rec.W), freebits(&rec.agents), freebits(&rec.schedulers);
+    freebits(&rec.readers), freebits(&rec.writers), freebits(&rec.X);
+    return;
   }
-  *rec = DatEntry{};
+  DatEntry *slot = AddToDat(ctx, rec.owner);
+  DatEntry *next = slot->next;
+  *slot = std::move(rec);  // the sets change hands
+  slot->next = next;
 }
 
 int parseDatRecords(DbHandle *ctx, char *text, size_t len) {
@@ -349,17 +355,16 @@ int parseDatRecords(DbHandle *ctx, char *text, size_t len) {
   LineScan scan;
   startLineScan(&scan, text, len);
   RecordLine line;
-  DatEntry rec{};
-  bool open = false;
+  std::vector<RecordLine> lines;  // values stay in place inside text
   while (nextRecordLine(&scan, &line)) {
-    if (line.tag == 0) {
-      finishRecord(ctx, &rec, &open);
-      continue;
+    if (line.tag != 0) {
+      lines.push_back(line);
+    } else if (!lines.empty()) {
+      readRecord(ctx, lines);
+      lines.clear();
     }
-    if (!open) rec = DatEntry{}, rec.owner = -1, rec.begin = rec.final = initDateTime(), open = true;
-    readLine(&rec, line);
   }
-  finishRecord(ctx, &rec, &open);
+  if (!lines.empty()) readRecord(ctx, lines);
   restoreCurrentDb();
   return ctx->permCount;
 }
