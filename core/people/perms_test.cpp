@@ -189,6 +189,10 @@ TEST_F(PermsTest, ReaderIsTheWritersInverseAcrossTablesAndContinuationLines) {
   EXPECT_EQ(readDatPermFile(main, permPath.c_str()), 2);
   EXPECT_EQ(main->perms[0].ownerName, "gone");
   EXPECT_EQ(text(main), "\n#O\tgone\n#R\tann,cat\n\n#O\tbob\n#C\t__ALL__\n#X\teve\n");
+  // Lines out of the writer's order: the owner still comes from the table before J.
+  spit(permPath, "\n#R\tly,lz\n#J\tlinked\n#O\tdan\n");
+  EXPECT_EQ(readDatPermFile(main, permPath.c_str()), 1);
+  EXPECT_EQ(text(main), "\n#O\tdan\n#J\tlinked\n#R\tly,lz\n");
   remove(permPath.c_str());
   EXPECT_EQ(readDatPermFile(main, permPath.c_str()), 0);
   EXPECT_EQ(main->permCount, 0);
