@@ -81,7 +81,8 @@ void BM_ReadDatPermFile(benchmark::State &state) {
   std::string path = benchRoot() + "/db/database/dat.perm";
   if (quorvel::putDats(db, path.c_str()) != 0) state.SkipWithError("putDats failed");
   for (auto _ : state)
-    if (quorvel::readDatPermFile(db, path.c_str()) != state.range(0)) state.SkipWithError("short read");
+    if (quorvel::readDatPermFile(db, path.c_str()) != state.range(0))
+      state.SkipWithError("short read");
 }
 BENCHMARK(BM_ReadDatPermFile)->Arg(10000)->Unit(benchmark::kMillisecond);
 

@@ -18,7 +18,8 @@ static DbHandle *setUp() {
   if (main) return main;
   main = openDefaultDb();
   UserList *list = newUserList();
-  for (const char *n : {"ann", "bob", "cat", "dan", "eve", "-gus"}) addUserEntry(list, n, "l", "", "", 0);
+  for (const char *n : {"ann", "bob", "cat", "dan", "eve", "-gus"})
+    addUserEntry(list, n, "l", "", "", 0);
   installUserList(main, list);
   linked = newDbHandle("db/database", "linked", DB_KIND_LOCAL);
   UserList *other = newUserList();

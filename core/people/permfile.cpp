@@ -5,6 +5,7 @@
 // Divisions: process-wide state, writing the records, putDats, storing, the set file,
 // the dump, reading.
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -30,6 +31,17 @@ static int32_t changeTime = NO_TIME;  // set by storeDatPerms, readDatPermFile; 
 static long rememberedSize = 0;       // set by putDats and the main context's reads;
                                       // read by the shrink check
 static bool lastWriteRefused;         // set by putDats, read by storeDatPerms
+
+// The one-line report of a failure; returns -1 so that a failure path is one return.
+__attribute__((format(printf, 1, 2))) static int failWith(const char *fmt, ...) {
+  char line[DB_PATH_MAX + 64];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(line, sizeof line, fmt, ap);
+  va_end(ap);
+  logMsg("%s", line);
+  return -1;
+}
 
 int32_t datPermChangeTime() { return changeTime; }
 long datPermFileSize() { return rememberedSize; }
@@ -161,19 +173,14 @@ static void syncParentDir(const char *path) {
 // rename, with no saved copy: a failed rename leaves the records in the scratch file.
 static int installRecords(DbHandle *ctx, const char *path, const std::string &tmp) {
   if (writeScratch(ctx, tmp) != 0) {
-    logMsg("putDats: cannot write out tmp file");
     retryUnlink(tmp.c_str());  // a partial file is of no use
-    return -1;
+    return failWith("putDats: cannot write out tmp file");
   }
   if (!passesShrinkCheck(ctx, tmp)) return -1;
-  if (retryUnlink(path) != 0 && errno != ENOENT) {
-    logMsg("putDats: cannot unlink old dat perm file");
-    return -1;
-  }
-  if (retryRename(tmp.c_str(), path) != 0) {
-    logMsg("putDats: cannot rename tmp to dat perm file");
-    return -1;
-  }
+  if (retryUnlink(path) != 0 && errno != ENOENT)
+    return failWith("putDats: cannot unlink old dat perm file");
+  if (retryRename(tmp.c_str(), path) != 0)
+    return failWith("putDats: cannot rename tmp to dat perm file");
   syncParentDir(path);
   return 0;
 }
@@ -182,10 +189,9 @@ int putDats(DbHandle *ctx, const char *path) {
   lastWriteRefused = false;
   if (ctx->permCount == 0) return 0;
   if (ctx->permMode != PERM_MODE_ADMIN && writeProtected(path)) {
-    logMsg("putDats: dat.perm not writeable");
     changeTime = -1;
     lastWriteRefused = true;
-    return -1;
+    return failWith("putDats: dat.perm not writeable");
   }
   lockPermsForWriting();
   int r = installRecords(ctx, path, std::string(path) + "TMP");
@@ -229,15 +235,12 @@ int storeDatPerms(DbHandle *ctx) {
 // routine "putExtBitinfo", as the program always has.
 static int installSetFile(const char *path, const std::string &tmp) {
   if (retryUnlink(path) != 0 && errno != ENOENT) {
-    logMsg("putExtBitinfo: cannot unlink %s", path);
     retryChmod(path, 0600);
-    return -1;
+    return failWith("putExtBitinfo: cannot unlink %s", path);
   }
   int r = 0;
-  if (retryRename(tmp.c_str(), path) != 0) {
-    logMsg("putExtBitinfo: cannot rename tmp to %s", path);
-    r = -1;
-  }
+  if (retryRename(tmp.c_str(), path) != 0)
+    r = failWith("putExtBitinfo: cannot rename tmp to %s", path);
   retryChmod(path, 0600);
   return r;
 }
@@ -246,10 +249,7 @@ int putExtBitInfo(const char *path, const uint16_t *set) {
   if (setBitCount(set) == 0) return 0;
   std::string tmp = std::string(path) + "TMP";
   FILE *f = Fopen(tmp.c_str(), "w");
-  if (f == nullptr) {
-    logMsg("putExtBitInfo: cannot open tmp file");
-    return -1;
-  }
+  if (f == nullptr) return failWith("putExtBitInfo: cannot open tmp file");
   bool written = writeCalendarSet(f, "#%c\t", 'R', set, fileLineWriter) == 0;
   if (!written) logMsg("putExtBitInfo: cannot write to tmp file");
   if (fflush(f) != 0 || fsync(fileno(f)) != 0) written = false;
@@ -322,7 +322,8 @@ static void readLine(DatEntry *rec, const RecordLine &line) {
     if (DbHandle *db = findDbByName(rec->linkedDatabase.c_str())) setCurrentDb(db);
   } else if (line.tag == 'B' || line.tag == 'F') {
     DateTime dt;
-    if (parseDateTime(line.value, &dt, nullptr) == 0) (line.tag == 'B' ? rec->begin : rec->final) = dt;
+    if (parseDateTime(line.value, &dt, nullptr) == 0)
+      (line.tag == 'B' ? rec->begin : rec->final) = dt;
   } else if (CalSet *set = datPermSet(rec, line.tag)) {
     readCalendarSet(cleanValue(line.value).c_str(), set);
   }
@@ -372,7 +373,7 @@ int parseDatRecords(DbHandle *ctx, char *text, size_t len) {
 int readDatPermFile(DbHandle *ctx, const char *path) {
   FILE *f = Fopen(path, "r");
   if (f == nullptr) {
-    if (errno != ENOENT) return logMsg("readDatPerms: cannot open %s", path), -1;
+    if (errno != ENOENT) return failWith("readDatPerms: cannot open %s", path);
     dropDatRecords(ctx);  // no file: no permissions
     return 0;
   }
