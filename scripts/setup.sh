@@ -21,7 +21,7 @@ if ((${#need[@]})); then
   [ "$(id -u)" = 0 ] || SUDO="sudo"
   export DEBIAN_FRONTEND=noninteractive
   $SUDO apt-get update -q || true
-  $SUDO apt-get install -y -q --no-install-recommends "${need[@]}"
+  $SUDO apt-get install -y -q "${need[@]}"
   # The web servers' packages may start system-wide servers on port 80; the tests and
   # the demo start their own on loopback, so stop what this install started.
   for s in lighttpd apache2 nginx fcgiwrap; do
