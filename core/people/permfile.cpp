@@ -250,9 +250,9 @@ int putExtBitInfo(const char *path, const uint16_t *set) {
   std::string tmp = std::string(path) + "TMP";
   FILE *f = Fopen(tmp.c_str(), "w");
   if (f == nullptr) return failWith("putExtBitInfo: cannot open tmp file");
-  bool written = writeCalendarSet(f, "#%c\t", 'R', set, fileLineWriter) == 0;
+  bool written = writeCalendarSet(f, "#%c\t", 'R', set, fileLineWriter) == 0 &&
+                 fflush(f) == 0 && fsync(fileno(f)) == 0;
   if (!written) logMsg("putExtBitInfo: cannot write to tmp file");
-  if (fflush(f) != 0 || fsync(fileno(f)) != 0) written = false;
   Fclose(f);
   // A short write would replace the set in force by part of it: keep the old file.
   if (!written) return retryUnlink(tmp.c_str()), -1;
@@ -288,11 +288,11 @@ static void dumpSet(const char *head, const uint16_t *set) {
 void dumpDatPerms(DbHandle *ctx) {
   setCurrentDb(ctx);
   for (DatEntry *rec = ctx->permCount ? ctx->perms : nullptr; rec; rec = rec->next) {
+    bool ok = true;
+    const char *owner = ownerText(rec, &ok);  // named before the switch, as written
+    logMsg("For %s\n", owner ? owner : "(null)");
     if (!rec->linkedDatabase.empty())
       if (DbHandle *db = findDbByName(rec->linkedDatabase.c_str())) setCurrentDb(db);
-    bool ok = true;
-    const char *owner = ownerText(rec, &ok);
-    logMsg("For %s\n", owner ? owner : "(null)");
     dumpSet("Readers are ", rec->readers);
     dumpSet("Writers are ", rec->writers);
     dumpSet("Agents are ", rec->agents);
