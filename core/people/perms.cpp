@@ -25,11 +25,12 @@ static CalSet guests;
 static unsigned guestGeneration;  // bumped with every change of guests (cache key)
 
 // The known calendars of one context as last counted: recounted when the context, its
-// user list, the list's length, the table's size or the guests differ.
+// user list (address, length, file time), the table's size or the guests differ.
 struct KnownCache {
   DbHandle *ctx = nullptr;
   const UserList *users = nullptr;
   int userCount = -1, tableSize = -1;
+  int32_t usersTime = 0;
   unsigned guestGeneration = 0;
   CalSet set = nullptr;
   int members = 0;
@@ -60,9 +61,10 @@ static const KnownCache &knownOf(DbHandle *ctx) {
   if (ctx == nullptr) ctx = currentDb();
   const UserList *users = ctx ? ctx->users : nullptr;
   int userCount = users ? users->count : -1, tableSize = calendarTableSize(ctx);
+  int32_t usersTime = ctx ? ctx->usersFileTime : 0;
   if (known.set != nullptr && known.ctx == ctx && known.users == users &&
       known.userCount == userCount && known.tableSize == tableSize &&
-      known.guestGeneration == guestGeneration)
+      known.usersTime == usersTime && known.guestGeneration == guestGeneration)
     return known;
   usersOf(ctx, &known.set);
   if (ctx != nullptr && ctx == mainDb()) {
@@ -71,7 +73,7 @@ static const KnownCache &knownOf(DbHandle *ctx) {
       if (testbit(guests, i)) setbit(&known.set, i, 1);
   }
   if (known.set == nullptr) allocbits(&known.set, 1);  // cached even when empty
-  known.ctx = ctx, known.users = users, known.userCount = userCount;
+  known.ctx = ctx, known.users = users, known.userCount = userCount, known.usersTime = usersTime;
   known.tableSize = tableSize, known.guestGeneration = guestGeneration;
   known.members = setMembers(known.set);
   return known;
