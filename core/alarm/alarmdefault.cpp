@@ -202,8 +202,12 @@ static int replaceDefaults(const std::string &tmp, const std::string &path, int 
   return 0;
 }
 
+// The current entry takes the values only when it is the spare or this user's own
+// entry: stored over another user's entry of the list, they would overwrite that
+// user's default, which the next write-out would then lose.
 static void storeCurrent(int32_t user, uint32_t start, uint32_t freq, const char *string) {
   Alarm *c = currentEntry();
+  if (c != &spare && c->user != user) c = &spare, currentUser = -1;
   char *copy = alarmCopyText(string, "AddAlarm");
   freeMem(c->string);
   *c = Alarm{user, start, freq, copy};
