@@ -8,7 +8,7 @@ have_cmd() { command -v "$1" >/dev/null 2>&1; }
 have_pkg() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
 
 for p in cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev \
-         libbenchmark-dev lighttpd libprotobuf-dev protobuf-compiler hyperfine curl; do
+         libbenchmark-dev lighttpd libprotobuf-dev protobuf-compiler hyperfine curl pkgconf; do
   have_pkg "$p" || need+=("$p")
 done
 
