@@ -17,6 +17,7 @@
 #include "core/db/record.h"
 #include "core/db/retry.h"
 #include "core/net/remote.h"
+#include "core/people/perms.h"
 
 namespace quorvel {
 
@@ -157,7 +158,7 @@ static int writeEntry(FILE *f, const Alarm *a) {
     return -1;
   CalSet user = nullptr;
   setbit(&user, a->user, 1);
-  int r = writeNameSet(f, 'V', user, fileLineWriter);
+  int r = writeCalendarSet(f, "#%c\t", 'V', user, fileLineWriter);
   freebits(&user);
   return r;
 }
