@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <algorithm>
+#include <utility>
 #include <unistd.h>
 
 #include "core/alarm/alarm.h"
@@ -22,6 +24,11 @@ static AlarmQEntry *queue;  // the entries, grown 5 at a time by addEntryToQ
 static int queueCount;      // entries in use
 static int queueCap;        // entries allocated
 static int queueNext;       // next entry to schedule; those before it are passed
+
+static char *textChunk;      // the entries' texts: chunks of TEXT_CHUNK bytes, each
+static size_t textUsed;      // starting with a pointer to the one before, bump-filled
+static size_t textSize;      // (used and size of the newest); freed with the queue
+static constexpr size_t TEXT_CHUNK = 65536;
 
 static AlarmNotifyHook notifyHook;       // set by the client: shows an announcement
 static AlarmTimerStartHook startHook;    // set by the client: arms its timer
@@ -73,6 +80,35 @@ static void copyEntry(AlarmQEntry *to, const AlarmQEntry *from, const char *call
                     alarmCopyText(from->string, caller), from->cookie};
 }
 
+// The queue's texts live in chunks freed together with the queue: one allocation per
+// 64 KiB of texts instead of two per entry, which keeps a rebuild's cost in step with
+// the number of entries.
+static char *queueText(const char *text) {
+  if (text == nullptr) return nullptr;
+  size_t n = strlen(text) + 1;
+  if (n > textSize - textUsed) {
+    size_t size = std::max(TEXT_CHUNK, n + sizeof(char *));
+    char *chunk = static_cast<char *>(allocMem(nullptr, size));
+    if (chunk == nullptr) outOfMem("addEntryToQ");
+    memcpy(chunk, &textChunk, sizeof(char *));
+    textChunk = chunk, textUsed = sizeof(char *), textSize = size;
+  }
+  char *copy = textChunk + textUsed;
+  memcpy(copy, text, n);
+  textUsed += n;
+  return copy;
+}
+
+static void freeQueueTexts() {
+  while (textChunk != nullptr) {
+    char *previous;
+    memcpy(&previous, textChunk, sizeof(char *));
+    freeMem(textChunk);
+    textChunk = previous;
+  }
+  textUsed = textSize = 0;
+}
+
 void addEntryToQ(const char *event, int32_t startTime, int32_t alarmTime, const char *string,
                  int32_t cookie) {
   if (queueCount == queueCap) {
@@ -83,8 +119,8 @@ void addEntryToQ(const char *event, int32_t startTime, int32_t alarmTime, const 
     queue = grown;
     queueCap += 5;
   }
-  queue[queueCount++] = AlarmQEntry{alarmCopyText(event, "addEntryToQ"), startTime, alarmTime,
-                                    alarmCopyText(string, "addEntryToQ"), cookie};
+  queue[queueCount++] =
+      AlarmQEntry{queueText(event), startTime, alarmTime, queueText(string), cookie};
 }
 
 static int compareEntries(const void *pa, const void *pb) {
@@ -93,18 +129,44 @@ static int compareEntries(const void *pa, const void *pb) {
   return a < b ? -1 : a > b;
 }
 
+// Least significant digit first, 8 bits a pass, on each time's distance from the
+// earliest, for as many passes as the spread of times needs (three for a day): the
+// cost grows with the number of entries alone, where a comparison sort's does not.
+// Returns false when the scratch area cannot be had.
+static bool radixSort(AlarmQEntry *entries, size_t n) {
+  int32_t earliest = entries[0].alarmTime;
+  for (size_t i = 1; i < n; i++) earliest = std::min(earliest, entries[i].alarmTime);
+  uint32_t low = uint32_t(earliest), spread = 0;
+  for (size_t i = 0; i < n; i++) spread |= uint32_t(entries[i].alarmTime) - low;
+  auto *scratch = static_cast<AlarmQEntry *>(allocMem(nullptr, n * sizeof(AlarmQEntry)));
+  if (scratch == nullptr) return false;
+  AlarmQEntry *from = entries, *to = scratch;
+  for (int shift = 0; shift < 32 && (spread >> shift) != 0; shift += 8) {
+    size_t start[257] = {0};
+    for (size_t i = 0; i < n; i++) start[((uint32_t(from[i].alarmTime) - low) >> shift & 0xFF) + 1]++;
+    for (int d = 1; d <= 256; d++) start[d] += start[d - 1];
+    for (size_t i = 0; i < n; i++) to[start[(uint32_t(from[i].alarmTime) - low) >> shift & 0xFF]++] = from[i];
+    std::swap(from, to);
+  }
+  if (from != entries) memcpy(entries, from, n * sizeof(AlarmQEntry));
+  freeMem(scratch);
+  return true;
+}
+
 // Only the entries not yet passed move: the armed timer's entry and those before it
 // keep their places.
 void sortAlarmQueue() {
-  if (queueCount - queueNext > 1)
-    qsort(queue + queueNext, size_t(queueCount - queueNext), sizeof(AlarmQEntry), compareEntries);
+  size_t n = size_t(queueCount - queueNext);
+  if (n < 2) return;
+  if (n < 64 || !radixSort(queue + queueNext, n))
+    qsort(queue + queueNext, n, sizeof(AlarmQEntry), compareEntries);
 }
 
 void ClearAlarmQueue() {
   if (timerId > 0 && cancelHook != nullptr) cancelHook(timerId);
   timerId = 0;
-  // Every entry is freed, not only those already passed: the rest would be lost.
-  for (int i = 0; i < queueCount; i++) freeEntryTexts(&queue[i]);
+  // Every entry's texts go, not only those already passed: the rest would be lost.
+  freeQueueTexts();
   freeMem(queue);
   queue = nullptr;
   queueCount = queueCap = queueNext = 0;
