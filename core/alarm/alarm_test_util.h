@@ -48,8 +48,7 @@ class AlarmTest : public ::testing::Test {
     char tmpl[] = "/tmp/qvalarmXXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     root = tmpl;
-    std::filesystem::create_directories(root + "/db/database/events");
-    std::filesystem::create_directories(root + "/db/database/locks");
+    for (const char *d : {"/db/database/events", "/db/database/locks"}) std::filesystem::create_directories(root + d);
     setenv("QUORVELPATH", root.c_str(), 1), setenv("TZ", "UTC0", 1), tzset(), unsetenv("NOQUORVELCATGETS");
     resetAll();
     clockNow = at(9, 0, 30), announced.clear(), armed.clear(), armedFor.clear(), cancels = 0;
@@ -65,10 +64,7 @@ class AlarmTest : public ::testing::Test {
       announced.push_back(std::string(e) + "|" + std::to_string(m) + "|" + (s ? s : "(null)"));
     });
   }
-  void TearDown() override {
-    resetAll();
-    std::filesystem::remove_all(root);
-  }
+  void TearDown() override { resetAll(), std::filesystem::remove_all(root); }
   void resetAll() {
     resetAlarms(), releaseUsers(db), resetDbContexts(), resetIdentity(), resetUsers();
     resetNameLookup(), resetCatalog(), resetBase();
@@ -87,12 +83,9 @@ class AlarmTest : public ::testing::Test {
     int count;
     const AlarmQEntry *q = alarmQueue(&count, nullptr);
     std::vector<std::string> out;
-    for (int i = 0; i < count; i++) {
-      char line[300];
-      int32_t t = q[i].alarmTime - int32_t(at(0, 0));
-      snprintf(line, sizeof line, "%02d:%02d %s", t / 3600, t / 60 % 60, q[i].event);
-      out.push_back(line);
-    }
+    char line[300];
+    for (int i = 0, t; i < count && (t = q[i].alarmTime - int32_t(at(0, 0))) >= 0; i++)
+      snprintf(line, sizeof line, "%02d:%02d %s", t / 3600, t / 60 % 60, q[i].event), out.push_back(line);
     return out;
   }
 };

@@ -27,22 +27,17 @@ TEST(AlarmList, SetReplacesTheUsersAlarmAndClearSwitchesItOff) {
   SetAlarm(item, 2, 10, 0, nullptr);
   SetAlarm(item, 4, 30, 10, item->listB[0].string);  // its own string handed back in
   EXPECT_EQ(listText(item), "4:30/10:tea 2:10/0:-");
-  EXPECT_EQ(ClearAlarm(item, 7), -1);
-  EXPECT_EQ(ClearAlarm(item, 4), 0);
+  EXPECT_EQ(ClearAlarm(item, 7), -1); EXPECT_EQ(ClearAlarm(item, 4), 0);
   EXPECT_EQ(listText(item), "4:30/0:- 2:10/0:-");
   AddAlarm(item, 4, 1, 2, "on");  // a second alarm of user 4, switched on
   EXPECT_EQ(FindAlarm(item, 4), &item->listB[0]);
   EXPECT_EQ(FindActiveAlarm(item, 4), &item->listB[2]);
   EXPECT_EQ(FindActiveAlarm(item, 2), nullptr);
-  EXPECT_EQ(HasNoAlarm(item, 2), 0);
-  EXPECT_EQ(HasNoAlarm(item, 3), 1);
-  EXPECT_EQ(alarmFreqAt(item, 2), 2u);
-  EXPECT_STREQ(alarmStringAt(item, 2), "on");
-  EXPECT_EQ(alarmFreqAt(item, 3), 0u);
-  EXPECT_EQ(alarmStringAt(item, -1), nullptr);
+  EXPECT_EQ(HasNoAlarm(item, 2) * 10 + HasNoAlarm(item, 3), 1);
+  EXPECT_EQ(alarmFreqAt(item, 2), 2u); EXPECT_STREQ(alarmStringAt(item, 2), "on");
+  EXPECT_EQ(alarmFreqAt(item, 3), 0u); EXPECT_EQ(alarmStringAt(item, -1), nullptr);
   CalSet user = alarmUserSetAt(item, 1);
-  EXPECT_EQ(setMembers(user), 1);
-  EXPECT_TRUE(testbit(user, 2));
+  EXPECT_EQ(setMembers(user), 1); EXPECT_TRUE(testbit(user, 2));
   freebits(&user);
   item->listB[1].user = -3;
   EXPECT_EQ(alarmUserSetAt(item, 1), nullptr);
@@ -68,8 +63,7 @@ TEST(AlarmList, CopyTakesTheActiveAlarmAndSortsTheTarget) {
 TEST(AlarmList, CopiesCompareEqualUntilAFieldOrStringDiffers) {
   Item *a = evnew(), *b = evnew();
   AddAlarm(a, 1, 10, 5, "x"), AddAlarm(a, 2, 0, 1, nullptr);
-  EXPECT_EQ(dupAlarmlist(a->listB, 0), nullptr);
-  EXPECT_EQ(dupAlarmlist(nullptr, 2), nullptr);
+  EXPECT_EQ(dupAlarmlist(a->listB, 0), nullptr); EXPECT_EQ(dupAlarmlist(nullptr, 2), nullptr);
   b->listB = dupAlarmlist(a->listB, 2), b->listBCount = 2;
   EXPECT_NE(b->listB[0].string, a->listB[0].string);  // a copy, not the same text
   EXPECT_EQ(EqualAlarmlist(a, b), 0);
@@ -78,16 +72,14 @@ TEST(AlarmList, CopiesCompareEqualUntilAFieldOrStringDiffers) {
                       +[](Alarm *x) { freeMem(x->string), x->string = nullptr; }}) {
     Item *c = evcopy(a);
     change(&c->listB[0]);
-    EXPECT_EQ(EqualAlarm(&a->listB[0], &c->listB[0]), -1);
-    EXPECT_EQ(EqualAlarmlist(a, c), -1);
+    EXPECT_EQ(EqualAlarm(&a->listB[0], &c->listB[0]), -1); EXPECT_EQ(EqualAlarmlist(a, c), -1);
     evfree(c);
   }
   b->listBCount = 1;  // counts differ
   EXPECT_EQ(EqualAlarmlist(a, b), -1);
   b->listBCount = 2;
   Alarm *zeroed = NewAlarmlist(3);
-  EXPECT_EQ(zeroed[2].user, 0);
-  EXPECT_EQ(zeroed[2].string, nullptr);
+  EXPECT_EQ(zeroed[2].user, 0); EXPECT_EQ(zeroed[2].string, nullptr);
   FreeAlarmlist(zeroed, 3);
   evfree(a), evfree(b);
 }
