@@ -77,6 +77,8 @@ inline constexpr const char *CLIENT_OPTIONS_FILE = "./db/database/client.opts";
 // Each row's value becomes an owned copy of what it holds (absent stays absent); each
 // changed flag is cleared. Values this module copied before are released, not leaked.
 void initOptionTable(ClientOption *table, int count);
+// Frees the values this module copied into the table; every row's value becomes null.
+void releaseOptionTable(ClientOption *table, int count);
 
 // Reads option lines from stream into the table; returns how many lines set an option.
 // Outside whole-file mode a line beginning with a newline ends the reading once an

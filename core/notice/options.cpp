@@ -63,6 +63,13 @@ void initOptionTable(ClientOption *table, int count) {
   }
 }
 
+void releaseOptionTable(ClientOption *table, int count) {
+  for (int i = 0; i < count; i++) {
+    releaseValue(table[i].value);
+    table[i].value = nullptr;
+  }
+}
+
 static std::string lowered(const char *text) {
   std::string s(text ? text : "");
   for (char &c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
