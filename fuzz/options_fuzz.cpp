@@ -13,9 +13,10 @@
 namespace {
 
 struct Table {
-  quorvel::ClientOption rows[3] = {{"checkTime", const_cast<char *>(""), nullptr, 1, 0, 0},
-                                   {"limitRecurring", const_cast<char *>("False"), nullptr, 3, 0, 0},
-                                   {"requirePassword", nullptr, nullptr, 3, 0, 0}};
+  quorvel::ClientOption rows[3] = {
+      {"checkTime", const_cast<char *>(""), nullptr, 1, 0, 0},
+      {"limitRecurring", const_cast<char *>("False"), nullptr, 3, 0, 0},
+      {"requirePassword", nullptr, nullptr, 3, 0, 0}};
   Table() { quorvel::initOptionTable(rows, 3); }
   ~Table() { quorvel::releaseOptionTable(rows, 3); }
 

@@ -72,11 +72,12 @@ class DeliveryTest : public NoticeTest {
     for (const char *sub : {"", "/spool", "/mail"})  // exim writes as its own user
       mkdir((dir + sub).c_str(), 0777), chmod((dir + sub).c_str(), 0777);
     chmod(root.c_str(), 0755);
-    bool asRoot = geteuid() == 0;
+    bool root0 = geteuid() == 0;
     std::string text = std::regex_replace(CONFIG, std::regex("DIR"), dir);
-    text = std::regex_replace(text, std::regex("USER"), asRoot ? "nobody" : getpwuid(geteuid())->pw_name);
+    text = std::regex_replace(text, std::regex("USER"),
+                              root0 ? "nobody" : getpwuid(geteuid())->pw_name);
     std::ofstream(conf) << std::regex_replace(text, std::regex("GROUP"),
-                                              asRoot ? "nogroup" : getgrgid(getegid())->gr_name);
+                                              root0 ? "nogroup" : getgrgid(getegid())->gr_name);
     addCalendarName(nullptr, "refused", "", "refused@quorvel.test", "");  // index 4
   }
   void TearDown() override {
@@ -189,7 +190,8 @@ TEST_F(NoticeTest, DirectDeliveryFailsCleanlyWithoutAWorkingRelay) {
     setMailSettings(s);
     testing::internal::CaptureStderr();
     EXPECT_EQ(deliverRfc821(r.address, "anna", "subject", "body"), r.rc) << r.err;
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "deliverRfc821: " + std::string(r.err) + "\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "deliverRfc821: " + std::string(r.err) + "\n");
   }
   close(fd);
 }

@@ -32,5 +32,6 @@ TEST_F(NoticeTest, TheMailerRunsAsTheRealUserUnlessTheDatabaseIsReachedThroughAS
   }
   freebits(&to);
   for (const std::string &n : filesIn("/tmp", "T"))  // nothing ran to remove the messages
-    if (has(n, ".qvl") && has(readFile("/tmp/" + n), "1970:\n\n\tx\n")) unlink(("/tmp/" + n).c_str());
+    if (has(n, ".qvl") && has(readFile("/tmp/" + n), "1970:\n\n\tx\n"))
+      unlink(("/tmp/" + n).c_str());
 }

@@ -37,7 +37,9 @@ inline std::string readFile(const std::string &path) {
   s << std::ifstream(path, std::ios::binary).rdbuf();
   return s.str();
 }
-inline bool has(const std::string &text, const std::string &part) { return text.find(part) != text.npos; }
+inline bool has(const std::string &text, const std::string &part) {
+  return text.find(part) != text.npos;
+}
 // The scratch message named by a traced command line "(cat /tmp/T<n>.qvl | ...".
 inline std::string scratchOf(const std::string &command) {
   return command.size() > 5 ? command.substr(5, command.find(' ', 5) - 5) : "";

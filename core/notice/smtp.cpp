@@ -193,10 +193,12 @@ int deliverRfc821(const char *address, const char *sender, const char *subject,
   SmtpSession s;
   s.waitMs = cfg.relayTimeoutMs;
   int rc = connectRelay(&s, cfg);
-  if (rc == 0)
+  if (rc == 0) {
     rc = smtpDialogue(&s, address, from,
                       dataBlock(address, headerSender.c_str(), subjectLine.c_str(),
                                 body ? body : ""));
+    if (rc == MAIL_REFUSED) sendAll(&s, "QUIT\r\n");  // a refusal still ends politely
+  }
   if (s.fd >= 0) close(s.fd);
   return rc;
 }
