@@ -37,5 +37,7 @@ fi
 # The mail tests start their own exim on a loopback port; no system MTA may hold port 25.
 if have_cmd systemctl && systemctl is-active --quiet exim4 2>/dev/null; then
   systemctl stop exim4 || true
+elif [ -s /run/exim4/exim.pid ] && [ -x /etc/init.d/exim4 ]; then
+  /etc/init.d/exim4 stop >/dev/null 2>&1 || true   # started by an init script
 fi
 exit 0
