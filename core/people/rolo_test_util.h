@@ -1,0 +1,86 @@
+// rolo_test_util.h -- a temporary database for the address-book tests: three named
+// calendars, the "locks" directory, a fixed clock, and helpers that build cards and
+// read and write book files as text.
+#pragma once
+
+#include "core/people/people_test_util.h"
+#include "core/people/rolo.h"
+
+#include <fstream>
+#include <sstream>
+
+namespace quorvel {
+
+class RoloTest : public PeopleTest {
+ protected:
+  static inline time_t now = 1700000000;  // the clock every test runs on
+  std::string lockFile, anna;              // the book lock; calendar 0's book
+
+  void SetUp() override {
+    PeopleTest::SetUp();
+    resetRolo();
+    setClockHook([] { return now; });
+    addCalendarName(nullptr, "anna", "a", "", "");                   // 0
+    addCalendarName(nullptr, "bob", "b", "", "");                    // 1
+    addCalendarName(nullptr, "Mary Ann O'Neil-Smith", "m", "", "");  // 2
+    mkdir((root + "/db/database").c_str(), 0755);
+    mkdir((root + "/db/database/locks").c_str(), 0755);
+    lockFile = root + "/db/database/locks/rololock";
+    anna = roloPath(0);
+  }
+  void TearDown() override {
+    releaseBooks(main);
+    resetRolo();
+    PeopleTest::TearDown();
+  }
+  // A card: kind, owner, stamp time, then (number, text) pairs; a null text stays null.
+  static RoloEntry *card(int kind, int owner, int32_t when,
+                         std::vector<std::pair<int, const char *>> fields) {
+    RoloEntry *e = newRoloEntry();
+    e->kind = uint8_t(kind), e->owner = int16_t(owner), e->stamp = DateTime{when, 0, 0};
+    for (auto &f : fields) addRoloField(e, f.first, f.second);
+    return e;
+  }
+  static RoloEntry *list(std::vector<RoloEntry *> cards) {
+    RoloEntry *head = newRoloList();
+    for (RoloEntry *e : cards) appendRoloEntry(head, e);
+    return head;
+  }
+  // What writeRoloEntry writes for one card of anna's book.
+  static std::string written(RoloEntry *e, int book = 0) {
+    char *text = nullptr;
+    size_t len = 0;
+    FILE *f = open_memstream(&text, &len);
+    int r = writeRoloEntry(f, e, book);
+    fclose(f);
+    std::string s = std::to_string(r) + ":" + std::string(text, len);
+    free(text);
+    freeRoloEntry(e);
+    return s;
+  }
+  // Each card as "kind owner time [number=text|number]...", one per line.
+  static std::string show(const RoloEntry *head) {
+    std::string s;
+    for (const RoloEntry *e = head->next; e != head; e = e->next) {
+      s += std::to_string(e->kind) + " " + std::to_string(e->owner) + " " +
+           std::to_string(e->stamp.time);
+      for (int i = 0; i < e->fieldCount; i++)
+        s += " " + std::to_string(e->fieldNumbers[i]) +
+             (e->fieldTexts[i] ? "=" + std::string(e->fieldTexts[i]) : "");
+      s += "\n";
+    }
+    return s;
+  }
+  static std::string slurp(const std::string &path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return in ? ss.str() : "<missing>";
+  }
+  static void put(const std::string &path, const std::string &text) {
+    std::ofstream(path) << text;
+  }
+  static bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+};
+
+}  // namespace quorvel
