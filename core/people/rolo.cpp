@@ -48,7 +48,8 @@ int addRoloField(RoloEntry *e, int32_t number, const char *text) {
   size_t n = size_t(e->fieldCount) + 1;
   e->fieldNumbers = static_cast<int32_t *>(
       mustAlloc(e->fieldNumbers, n * sizeof(int32_t), "addRoloField"));
-  e->fieldTexts = static_cast<char **>(mustAlloc(e->fieldTexts, n * sizeof(char *), "addRoloField"));
+  e->fieldTexts =
+      static_cast<char **>(mustAlloc(e->fieldTexts, n * sizeof(char *), "addRoloField"));
   e->fieldNumbers[n - 1] = number;
   e->fieldTexts[n - 1] = text ? copyText(text, strlen(text), "addRoloField") : nullptr;
   e->fieldCount = uint8_t(n);
@@ -183,7 +184,8 @@ RoloEntry *current(RoloReader &r) {
 // Stores the pending field into the entry (fields past the 255th are dropped: the
 // count is a byte).
 void storePending(RoloReader &r) {
-  if (r.pending && r.number >= 0) addRoloField(current(r), r.number, r.hasText ? r.text.c_str() : nullptr);
+  if (r.pending && r.number >= 0)
+    addRoloField(current(r), r.number, r.hasText ? r.text.c_str() : nullptr);
   r.pending = r.hasText = false;
   r.text.clear();
 }
@@ -267,7 +269,8 @@ void readChunk(RoloReader &r, char *chunk) {
   } else if (chunk[0] == '\t') {
     addTextLine(r, chunk + 1, body - 1);
     r.inText = true;
-  } else if (chunk[0] == '#' && (chunk[1] == '-' || isdigit(static_cast<unsigned char>(chunk[1])))) {
+  } else if (chunk[0] == '#' &&
+             (chunk[1] == '-' || isdigit(static_cast<unsigned char>(chunk[1])))) {
     fieldLine(r, chunk, body, endsLine);
   } else if (chunk[0] == '#') {
     tagLine(r, chunk);
