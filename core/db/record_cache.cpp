@@ -78,13 +78,14 @@ RecordFile *openRecordFile(DbHandle *db, const char *path) {
   return rf;
 }
 
-// tmprelink moves the old file aside first and fails when there is none, so a file
-// that does not exist yet (and has no saved copy) is created empty before its first
-// write.
+// tmprelink moves the old file aside first and fails when there is none. A file left
+// only as "sav" by a writer that died between its renames is linked back (the cached
+// contents were read before that writer died, so "sav" is what they replace); a file
+// that does not exist yet is created empty before its first write.
 static void ensureTarget(const RecordFile *rf) {
+  restoreSavedCopy(rf->path);
   struct stat st;
   if (retryStat(rf->path.c_str(), &st) == 0 || errno != ENOENT) return;
-  if (retryStat((rf->path + "sav").c_str(), &st) == 0) return;
   if (FILE *fp = Fopen(rf->path.c_str(), "a")) Fclose(fp);
 }
 
