@@ -27,6 +27,8 @@
 
 namespace quorvel {
 
+struct DbHandle;
+
 // A printf-like line writer: writes the formatted text to sink, returns a negative
 // number when the write failed (as fprintf does).
 using LineWriter = int (*)(void *sink, const char *fmt, ...);
@@ -98,10 +100,17 @@ void startLineScan(LineScan *scan, char *text, size_t len);
 // skipped.
 int nextRecordLine(LineScan *scan, RecordLine *line);
 
+// Makes the open database named dbName current; returns the previous current database,
+// or null (nothing changed) when dbName is empty or names no open database.
+DbHandle *enterItemDb(const char *dbName);
+
 // Reads the list header into head (evlistInit'ed): skips leading empty lines, takes
-// O J B F W R C Y N X lines up to the first kind line (left unread). 0 or -1.
+// O J B F W R C Y N X lines up to the first kind line (left unread). The O line and the
+// sets are read with the list's database (its J line) current. 0 or -1.
 int parseListHeader(LineScan *scan, Item *head);
 // Reads the next item up to its empty line, filling omitted qualifiers from defaults.
+// After a J or j line naming an open database, that database is current for the rest
+// of the item (as it was while the item was written) and the previous one afterwards.
 // Returns a new item, or null at the end of the text. Unknown tags and the G line are
 // skipped; a malformed value leaves the field at its initial value.
 Item *parseItem(LineScan *scan, const DateTime *defaults);

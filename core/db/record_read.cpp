@@ -123,7 +123,9 @@ static void readStream(RecordFile *rf, FILE *fp) {
   startLineScan(&scan, text.data, text.len);
   if (parseListHeader(&scan, &rf->list) != 0) return;
   rf->index.reserve(text.len / 128);
+  DbHandle *previous = enterItemDb(rf->list.dbName);  // as the list was written
   rf->count = readItems(rf, &scan);
+  if (previous != nullptr) setCurrentDb(previous);
   struct stat st;
   rf->size = long(text.len);
   rf->mtime = retryFstat(fileno(fp), &st) == 0 ? int32_t(st.st_mtime) : NO_TIME;
