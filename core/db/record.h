@@ -17,6 +17,11 @@
 // A list (and so a record file) starts with a header: an empty line, then O, J, B, F
 // and the W R C Y N X sets of the list; the header's fields live in the list's head Item.
 // Texts are cut in place at their first line end, and before a trailing backslash.
+// A "G" line (a free text some older writers put between the popup and the alarm lines)
+// is read past and not written again: the item record has no field to hold it, the
+// server wire carries no such text (its G is a number), so the text could not survive
+// a trip through the server anyway, and nothing in this core reads it. Every other line
+// of the item around it is kept.
 // Results: 0 success, -1 when a write failed or a line cannot be parsed.
 #pragma once
 

@@ -56,6 +56,11 @@ TEST_F(RecordRead, AcceptsEveryFormOfLineAWriterOrEditorLeaves) {
       // malformed item time is the initial value; decimal numbers in other forms.
       {head + "#T\ta\n#W\tann\n#B\tjunk\n#I\t3\n#H\t0x1f\n#D\tb\n#W\tbob\n#I\t4\n#f\t99999999999\n\n",
        head + "#T\ta\n" + noTimes + "#W\tann\n#I\t3\n#H\t31\n\n#D\tb\n" + noTimes + "#W\tbob\n#I\t4\n#f\t2147483647\n\n"},
+      // A G line at its place between the popup and the alarm lines is dropped; the
+      // popup's sets before it and the alarm lines after it stay with the item.
+      {head + "#T\tg\n" + noTimes + "#W\tann\n#P\tnote 0x1\n#S\tbob\n#r\tcarl\n#G\tolder text, kept by no one\n"
+              "#A\t15,5\n#E\tsoon\n#V\tdora\n#I\t5\n\n",
+       head + "#T\tg\n" + noTimes + "#W\tann\n#P\tnote 0x1\n#S\tbob\n#r\tcarl\n#A\t15,5\n#E\tsoon\n#V\tdora\n#I\t5\n\n"},
   };
   for (const Row &r : rows) {
     writeFile(dir.at("in"), r.in); std::string out;
