@@ -122,4 +122,19 @@ int writeDirtyFiles(DbHandle *db) {
   return rc;
 }
 
+int writeAndDropEveryCache() {
+  std::vector<DbHandle *> all = openDatabases();
+  DbHandle *previous = currentDb();
+  int rc = 0;
+  for (DbHandle *db : all) {
+    if (db->records == nullptr) continue;
+    if (mainDb() != nullptr) setCurrentDb(mainDb());
+    int r = writeDirtyFiles(db);
+    if (r != 0 && rc == 0) rc = r;
+  }
+  for (DbHandle *db : all) dropFileCache(db);
+  setCurrentDb(previous);
+  return rc;
+}
+
 }  // namespace quorvel

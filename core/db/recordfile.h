@@ -97,6 +97,11 @@ RecordFile *recordFileOf(DbHandle *db, const Item *item);
 int writeDirtyFiles(DbHandle *db);
 // Frees db's cache (installed as db->dropRecords).
 void dropRecordCache(DbHandle *db);
+// For a calendar-name table about to give names other indexes: writes the dirty files
+// of every open database (the old names still in force, the main database current as
+// when the files were read), then drops every cache, so that files are read again with
+// the new indexes. Returns 0 or the first error; the caches go in either case.
+int writeAndDropEveryCache();
 int cachedFileCount(const DbHandle *db);
 
 /* ---- Reports and the debug switch ------------------------------------------------ */
