@@ -43,6 +43,11 @@ Holiday *make(const char *name, int y1, int m1, int d1, int y2, int m2, int d2, 
   EXPECT_EQ(HolidayPeriod(y1, m1 - 1, d1, y2, m2 - 1, d2, &r), 0);
   return NewHoliday(name, r, work);
 }
+Holiday **appendMade(Holiday **list, int *n, Holiday *made) {  // appends a copy, frees made
+  list = AppendHoliday(list, n, made);
+  FreeHoliday(made);
+  return list;
+}
 
 // An installation root and a HOME, each a temporary tree, for the two holiday files.
 struct Holidays : ::testing::Test {
@@ -185,10 +190,10 @@ TEST_F(Holidays, FilesAreReadAndRewrittenInPlace) {
   EXPECT_EQ(ReadHolidayFile(userFile().c_str(), &list, &n), 0);  // missing: empty
   EXPECT_TRUE(list == nullptr && n == 0);
   EXPECT_EQ(ReadHolidayFile(home.c_str(), &list, &n), EISDIR);  // there, but unreadable
-  list = AppendHoliday(list, &n, make("One", 2025, 6, 1, 2025, 6, 2));
+  list = appendMade(list, &n, make("One", 2025, 6, 1, 2025, 6, 2));
   EXPECT_EQ(WriteHolidayFile(userFile().c_str(), list, n), 0);  // a new file
   EXPECT_EQ(readAll(userFile()), "One*nonworkday:\t6/1/2025 - 6/2/2025\n");
-  list = AppendHoliday(list, &n, make("Two", 2025, 7, 1, 2025, 7, 1, 1));
+  list = appendMade(list, &n, make("Two", 2025, 7, 1, 2025, 7, 1, 1));
   EXPECT_EQ(WriteHolidayFile(userFile().c_str(), list, n), 0);  // replaces the old one
   EXPECT_EQ(readAll(userFile()), "One*nonworkday:\t6/1/2025 - 6/2/2025\nTwo*workday:\t7/1/2025 - 7/1/2025\n");
   EXPECT_FALSE(exists(userFile() + "TMP") || exists(userFile() + "sav"));
