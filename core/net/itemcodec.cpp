@@ -341,8 +341,11 @@ bool fieldAt(const Scan &s, size_t pos, Span *f) {
 // Takes the field at *pos (older peers' fields before it stepped over when loose) when
 // it carries `tag` and, if given, `len` bytes.
 bool take(const Scan &s, size_t *pos, char tag, Span *f, uint32_t len = 0) {
-  while (fieldAt(s, *pos, f) && !s.strict && isOldTag(f->tag) && f->tag != tag) *pos = f->next;
-  if (!fieldAt(s, *pos, f) || f->tag != tag || (len != 0 && f->len != len)) return false;
+  for (;; *pos = f->next) {
+    if (!fieldAt(s, *pos, f)) return false;
+    if (s.strict || f->tag == tag || !isOldTag(f->tag)) break;
+  }
+  if (f->tag != tag || (len != 0 && f->len != len)) return false;
   *pos = f->next;
   return true;
 }
@@ -431,24 +434,35 @@ bool looseTail(const Scan &s, size_t pos, std::unordered_set<size_t> *dead) {
 // tried first; only when it fits nowhere are older peers' fields and any tail order
 // allowed. When nothing fits, every group found is read and the read fails where the
 // item breaks.
+// The group shapes in a row from `from`: *np popup groups, then *na alarm groups, the
+// place of each after the first going to *stops when given. Returns the end of the last.
+size_t walkGroups(const Scan &s, size_t from, int *np, int *na, std::vector<size_t> *stops) {
+  size_t at = from, end;
+  *np = *na = 0;
+  for (int *count : {np, na}) {
+    for (; (end = count == np ? popupAt(s, at) : alarmAt(s, at)) != 0; at = end, ++*count) {
+      if (stops != nullptr) stops->push_back(end);
+    }
+  }
+  return at;
+}
+
 void countGroups(const Buf *in, int *popups, int *alarms) {
   Scan s{in->data, in->size, true, peerAtLeast(in, 2), peerAtLeast(in, 4)};
   std::unordered_set<size_t> dead;
+  auto fits = [&](size_t at) { return s.strict ? writerTail(s, at + 8) : looseTail(s, at + 8, &dead); };
   for (int pass = 0; pass < 2; pass++, s.strict = false) {
+    // Every group found is the common answer: tried before a list of places is kept.
+    if (fits(walkGroups(s, bufUsed(in), popups, alarms, nullptr))) return;
     std::vector<size_t> stops{bufUsed(in)};
-    for (size_t end; (end = popupAt(s, stops.back())) != 0;) stops.push_back(end);
-    size_t np = stops.size() - 1;
-    for (size_t end; (end = alarmAt(s, stops.back())) != 0;) stops.push_back(end);
-    for (size_t t = stops.size(); t-- > 0;) {
-      size_t tail = stops[t] + 8;
-      if (s.strict ? writerTail(s, tail) : looseTail(s, tail, &dead)) {
-        *popups = int(t < np ? t : np);
-        *alarms = int(t - size_t(*popups));
+    walkGroups(s, bufUsed(in), popups, alarms, &stops);
+    for (int t = int(stops.size()) - 2; t >= 0; t--) {
+      if (fits(stops[size_t(t)])) {
+        *alarms = t > *popups ? t - *popups : 0;
+        *popups = t - *alarms;
         return;
       }
     }
-    *popups = int(np);
-    *alarms = int(stops.size() - 1 - np);
   }
 }
 
