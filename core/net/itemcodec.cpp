@@ -2,8 +2,9 @@
 // item lists, whole messages with their header) and the reader (one item, a run of
 // items with their chains, a whole message).
 //
-// Divisions: field writers, the item writer, messages; field readers, group look-ahead,
-// the item reader in its four stretches, lists and messages.
+// Divisions: field writers, the item writer, messages; field readers, where value8
+// stands (the structure walk over the groups), the item reader in its four stretches,
+// lists and messages.
 #include "core/net/itemcodec.h"
 
 #include <arpa/inet.h>
@@ -427,13 +428,6 @@ bool looseTail(const Scan &s, size_t pos, std::unordered_set<size_t> *dead) {
   return ok;
 }
 
-// How many popup and alarm groups stand before value8. No count travels for them and
-// value8 is 8 bytes of any value, so the groups are found by structure: the group
-// shapes in a row from the cursor give the places where value8 may stand, and the
-// last place behind which a whole tail follows is taken. The writer's own form is
-// tried first; only when it fits nowhere are older peers' fields and any tail order
-// allowed. When nothing fits, every group found is read and the read fails where the
-// item breaks.
 // The group shapes in a row from `from`: *np popup groups, then *na alarm groups, the
 // place of each after the first going to *stops when given. Returns the end of the last.
 size_t walkGroups(const Scan &s, size_t from, int *np, int *na, std::vector<size_t> *stops) {
@@ -447,6 +441,13 @@ size_t walkGroups(const Scan &s, size_t from, int *np, int *na, std::vector<size
   return at;
 }
 
+// How many popup and alarm groups stand before value8. No count travels for them and
+// value8 is 8 bytes of any value, so the groups are found by structure: the group
+// shapes in a row from the cursor give the places where value8 may stand, and the
+// last place behind which a whole tail follows is taken. The writer's own form is
+// tried first; only when it fits nowhere are older peers' fields and any tail order
+// allowed. When nothing fits, every group found is read and the read fails where the
+// item breaks.
 void countGroups(const Buf *in, int *popups, int *alarms) {
   Scan s{in->data, in->size, true, peerAtLeast(in, 2), peerAtLeast(in, 4)};
   std::unordered_set<size_t> dead;
