@@ -111,11 +111,12 @@ std::string stampTitle(int32_t when) {
 
 /* ==== The items of a day =========================================================== */
 
-static bool overlapsDay(const Item *item, int32_t dayStart, int32_t dayEnd) {
+bool itemOnDay(const Item *item, int32_t dayStart, int32_t dayEnd) {
   int32_t start = item->timeValue.start.time, end = item->timeValue.end.time;
-  if (start == NO_TIME) return false;
+  if (start == NO_TIME || start >= dayEnd) return false;
+  if (item->dWord == KIND_TODO) return true;  // still due until done: todoDueOn decides
   if (end == NO_TIME || end < start) end = start;
-  return start < dayEnd && (end > dayStart || start >= dayStart);
+  return end > dayStart || start >= dayStart;
 }
 
 int loadDayFromRecordFile(int calendar, int32_t dayStart, int32_t dayEnd, Item *list) {
@@ -127,8 +128,9 @@ int loadDayFromRecordFile(int calendar, int32_t dayStart, int32_t dayEnd, Item *
   std::string file = std::string(path) + "/" + name;
   if (fileModTime(file.c_str(), nullptr) == NO_TIME) return -1;
   RecordFile *rf = openRecordFile(db, file.c_str());
+  if (rf == nullptr) return -1;  // no user state: the database dropped its files
   for (Item *item = rf->list.next; item != &rf->list; item = item->next)
-    if (overlapsDay(item, dayStart, dayEnd)) evlistAppend(list, evcopy(item));
+    if (itemOnDay(item, dayStart, dayEnd)) evlistAppend(list, evcopy(item));
   return 0;
 }
 

@@ -25,7 +25,8 @@
 // Settled here:
 //  - Items of a day: those of the calendar's record file "<database>/events/<name>" in
 //    the current database whose time overlaps the day (an item without an end counts
-//    as ending at its start). When the file does not exist the own calendar's is read
+//    as ending at its start), and its to-dos begun before the day's end (the due test
+//    below picks those still due). When the file does not exist the own calendar's is read
 //    instead, once (a second miss leaves the day empty rather than retrying for ever).
 //  - Order within a day: start time, then kind (event, to-do, reminder), then text
 //    (byte order), then the item's random id; items equal in all four keep file order.

@@ -34,6 +34,9 @@ struct FormatArg {
 // by "%"; any other "%" stays as it is.
 std::string catFormat(const char *fmt, std::initializer_list<FormatArg> args);
 
+// Whether a loader hands item out for the day: its time overlaps the day, or it is a
+// to-do begun before the day's end.
+bool itemOnDay(const Item *item, int32_t dayStart, int32_t dayEnd);
 // The order of a day's items (see listing.h).
 bool listingBefore(const Item *a, const Item *b);
 bool todoDueOn(const Item *item, int user, int32_t dayStart, int32_t dayEnd);

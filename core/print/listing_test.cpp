@@ -197,6 +197,7 @@ TEST(CatFormat, TakesOnlyStringAndNumberConversions) {
 
 TEST_F(ListingTest, RecordFileIsTheSourceAndTheOwnCalendarTheFallback) {
   setDayItemsLoader(nullptr);
+  db->dir = dir.at("root/db/database");  // by its full path, so that its stamp is found
   Item head;
   evlistInit(&head);
   head.owner = -1, head.timeValue = initTimeRange();

@@ -24,10 +24,8 @@ inline std::vector<int> memCalendars;
 
 inline int memoryLoader(int calendar, int32_t dayStart, int32_t dayEnd, Item *list) {
   if (std::find(memCalendars.begin(), memCalendars.end(), calendar) == memCalendars.end()) return -1;
-  for (Item *item = memItems.next; item != &memItems; item = item->next) {
-    int32_t start = item->timeValue.start.time, end = item->timeValue.end.time;
-    if (start < dayEnd && (end > dayStart || start >= dayStart)) evlistAppend(list, evcopy(item));
-  }
+  for (Item *item = memItems.next; item != &memItems; item = item->next)
+    if (itemOnDay(item, dayStart, dayEnd)) evlistAppend(list, evcopy(item));
   return 0;
 }
 
@@ -45,6 +43,7 @@ struct ListingTest : ::testing::Test {
 
   void SetUp() override {
     std::filesystem::create_directories(dir.at("root/db/database/events"));
+    std::filesystem::create_directories(dir.at("root/db/database/locks"));
     setenv("QUORVELPATH", dir.at("root").c_str(), 1);
     setenv("TZ", "UTC", 1);
     tzset();
