@@ -24,9 +24,10 @@
 //
 // Access: the owner may always use its own calendar. Otherwise the owner's record and
 // the "__ALL__" record both grant (a member of either one's set has the right), unless
-// the asker is a member of X in the owner's record. A record with both B and F set
-// grants only while the current time lies between them. Without any record only the
-// owner has access. Writers, agents and schedulers may also read.
+// the asker is a member of X in either of them. A record with both B and F set grants
+// only while the current time lies between them. Without any record only the owner has
+// access. Writers and agents may also read. Only the records before the first one that
+// names a linked database are consulted: from there on the sets use another table.
 //
 // Mode 1 (PERM_MODE_ADMIN) marks the context of the permission administrator: its
 // rewrite goes ahead over a write-protected file, an unset first owner becomes the own
@@ -162,5 +163,12 @@ int32_t datPermChangeTime();
 long datPermFileSize();
 void setDatPermFileSize(long size);
 void resetPerms();  // tests: forgets both, the guest calendars and the known-set cache
+
+/* ---- Shared by the permission files ---------------------------------------------------- */
+
+void dropDatRecords(DbHandle *ctx);  // the records only; the notify set stays
+void lockPermsForWriting();
+void unlockPermsForWriting();
+void resetPermSets();                // the guest calendars and the known-set cache
 
 }  // namespace quorvel
