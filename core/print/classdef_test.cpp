@@ -53,28 +53,21 @@ TEST(ParseClassdefs, ReadsLinesUpToTheFirstMalformedOne) {
 }
 
 TEST(FormatClassdefs, WritesSetAttributesInFileOrderAndReadsBack) {
-  ClassList list = ParseClassdefs(
-      "Work*purpose:\tjob\nWork*pointSize:\t10\nWork*density:\t100\nWork*family:\ttimes\n"
-      "Work*color:\tRed\nHome*color:\tBlue\n");
-  ClassDef *bare = newClassDef("Empty");
-  appendClassDef(&list, bare);
+  ClassList list = ParseClassdefs("Work*purpose:\tjob\nWork*pointSize:\t10\nWork*density:\t100\n"
+                                  "Work*family:\ttimes\nWork*color:\tRed\nHome*color:\tBlue\n");
+  appendClassDef(&list, newClassDef("Empty"));
   appendClassDef(&list, newClassDef(nullptr));  // a nameless class is left out
   std::string text = FormatClassdefs(list);
-  EXPECT_EQ(text,
-            "\nWork*color:\tRed\nWork*family:\ttimes\nWork*density:\t100\nWork*pointSize:\t10\n"
-            "Work*purpose:\tjob\n\nHome*color:\tBlue\n\n");
-  ClassList again = ParseClassdefs(text.c_str());
+  EXPECT_EQ(text, "\nWork*color:\tRed\nWork*family:\ttimes\nWork*density:\t100\nWork*pointSize:\t10\n"
+                  "Work*purpose:\tjob\n\nHome*color:\tBlue\n\n");
+  ClassList again = ParseClassdefs(text.c_str()), copy = copyClassList(list);
   EXPECT_EQ(describe(again), "Work:Red/times/10/100/job;Home:Blue/-/-/-/-;");
-  EXPECT_EQ(findClassDef(again, "Home"), 1);
-  EXPECT_EQ(findClassDef(again, "Empty"), -1);
-  EXPECT_EQ(findClassDef(again, nullptr), -1);
-
-  ClassList copy = copyClassList(list);
+  EXPECT_TRUE(findClassDef(again, "Home") == 1 && findClassDef(again, "Empty") == -1 &&
+              findClassDef(again, nullptr) == -1);
   freeClassList(&list);  // the copy owns its own texts
   EXPECT_EQ(FormatClassdefs(copy), text);
   EXPECT_EQ(list.count, 0);
-  freeClassList(&copy);
-  freeClassList(&again);
+  freeClassList(&copy), freeClassList(&again);
 }
 
 TEST(FillClassDefaults, FillsOnlyAbsentAttributes) {
@@ -87,32 +80,22 @@ TEST(FillClassDefaults, FillsOnlyAbsentAttributes) {
 TEST(ClassFiles, WriteReplacesWholeAndRefusesATextlessList) {
   TempDir dir;
   std::string path = dir.at("classdef");
-  ClassList list = ParseClassdefs("A*color:\tRed\n");
+  ClassList list = ParseClassdefs("A*color:\tRed\n"), back, nameless;
   ASSERT_EQ(writeClassFile(path.c_str(), list), 0);
-  EXPECT_EQ(readFile(path), "\nA*color:\tRed\n");
-  EXPECT_FALSE(exists(path + "TMP"));
   struct stat st;
-  ASSERT_EQ(stat(path.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-
-  ClassList back;
+  EXPECT_TRUE(stat(path.c_str(), &st) == 0 && (st.st_mode & 0777) == 0600 && !exists(path + "TMP"));
   ASSERT_EQ(readClassFile(path.c_str(), &back), 0);
   EXPECT_EQ(describe(back), "A:Red/-/-/-/-;");
-  freeClassList(&back);
-
-  ClassList nameless;
   appendClassDef(&nameless, newClassDef(nullptr));
   EXPECT_EQ(writeClassFile(path.c_str(), nameless), -1);
   EXPECT_EQ(readFile(path), "\nA*color:\tRed\n") << "the old file stays";
   EXPECT_EQ(writeClassFile(path.c_str(), ClassList{}), 0);
-  EXPECT_TRUE(exists(path));
-  EXPECT_EQ(readFile(path), "");
-
+  EXPECT_TRUE(exists(path) && readFile(path).empty());
+  freeClassList(&back);
   EXPECT_EQ(readClassFile(dir.at("missing").c_str(), &back), ENOENT);
   EXPECT_EQ(back.count, 0);
   EXPECT_EQ(writeClassFile(dir.at("no/such/dir").c_str(), list), ENOENT);
-  freeClassList(&nameless);
-  freeClassList(&list);
+  freeClassList(&nameless), freeClassList(&list);
 }
 
 // A database root and a HOME in one temporary tree, and a clean class state.

@@ -3,8 +3,6 @@
 // file as the source of a day's items.
 #include "core/print/print_test_util.h"
 
-#include "core/db/record.h"
-
 namespace quorvel {
 namespace {
 
@@ -198,22 +196,9 @@ TEST(CatFormat, TakesOnlyStringAndNumberConversions) {
 TEST_F(ListingTest, RecordFileIsTheSourceAndTheOwnCalendarTheFallback) {
   setDayItemsLoader(nullptr);
   db->dir = dir.at("root/db/database");  // by its full path, so that its stamp is found
-  Item head;
-  evlistInit(&head);
-  head.owner = -1, head.timeValue = initTimeRange();
-  Item *item = evnew();
-  evsetTitle(item, "From the file");
-  item->timeValue.start.time = utc(3, 2, 9, 0), item->timeValue.end.time = utc(3, 2, 10, 0);
-  setbit(&item->calendars, ann, 1);
-  evlistAppend(&head, item);
-  Item *other = evcopy(item);
-  evsetTitle(other, "Another day");
-  other->timeValue.start.time = utc(3, 3, 9, 0), other->timeValue.end.time = utc(3, 3, 10, 0);
-  evlistAppend(&head, other);
-  std::string text;
-  ASSERT_EQ(writeList(&text, &head), 0);
-  freeListHead(&head);
-  writeFile(dir.at("root/db/database/events/ann"), text);
+  writeFile(dir.at("root/db/database/events/ann"),
+            "\n#T\tFrom the file\n#B\t0x69a55190 @0x0 %0x0\n#F\t0x69a55fa0 @0x0 %0x0\n#W\tann\n\n"
+            "#T\tAnother day\n#B\t0x69a6a310 @0x0 %0x0\n#F\t0x69a6b120 @0x0 %0x0\n#W\tann\n\n");
   const std::string want = "\n\t\t#For March 2, 2026\n\n03/02 (Monday):\t09:00am-10:00am\tFrom the file\n";
   EXPECT_EQ(listing(ann, Y, MAR, D2, 0, LIST_DAY, LIST_EVENTS), want);
   EXPECT_EQ(listing(bob, Y, MAR, D2, 0, LIST_DAY, LIST_EVENTS), want) << "bob has no file: ann's is read";

@@ -29,34 +29,27 @@ struct Formatter : ListingTest {
     unsetenv("QV_PCAL_LOG");
     ListingTest::TearDown();
   }
-  // The formatter's arguments, and its record after them ("--mode ...", "--data", ...).
-  std::vector<std::string> args, record;
-  std::string data;
+  // What the formatter was given: its arguments joined by "|" (the data file's path,
+  // checked and gone, as "DATA"), the data file's mode and contents.
+  std::vector<std::string> args;
+  std::string joined, mode, data;
   bool ran() {
-    args.clear(), record.clear();
     if (!exists(log)) return false;
     std::string text = readFile(log);
     std::filesystem::remove(log);
     size_t mark = text.find("--mode ");
     std::istringstream in(text.substr(0, mark));
-    for (std::string line; std::getline(in, line);) args.push_back(line);
-    data = text.substr(text.find("--data\n") + 7);
-    record = {text.substr(mark, text.find('\n', mark) - mark)};
-    return true;
-  }
-  // The arguments with the data file's path replaced by "DATA" (after checking its form).
-  std::string joinedArgs() {
-    std::string out;
-    for (size_t i = 0; i < args.size(); i++) {
-      std::string a = args[i];
-      if (i > 0 && args[i - 1] == "-f") {
-        EXPECT_TRUE(std::regex_match(a, std::regex("/tmp/qvpcala[0-9]{5}"))) << a;
-        EXPECT_FALSE(exists(a)) << "the data file is removed";
+    args.clear(), joined.clear();
+    for (std::string a; std::getline(in, a); args.push_back(a)) {
+      if (!args.empty() && args.back() == "-f") {
+        EXPECT_TRUE(std::regex_match(a, std::regex("/tmp/qvpcala[0-9]{5}")) && !exists(a)) << a;
         a = "DATA";
       }
-      out += a + "|";
+      joined += a + "|";
     }
-    return out;
+    mode = text.substr(mark + 7, text.find('\n', mark) - mark - 7);
+    data = text.substr(text.find("--data\n") + 7);
+    return true;
   }
 };
 
@@ -64,10 +57,10 @@ TEST_F(Formatter, DayPrintCommandTokenByToken) {
   std::string err = stderrOf([&] { PrintCalendar(ann, Y, MAR, D2, LIST_DAY, LIST_EVENTS | LIST_TODOS, 2); });
   EXPECT_EQ(err, "");
   ASSERT_TRUE(ran());
-  EXPECT_EQ(joinedArgs(),
+  EXPECT_EQ(joined,
             "-Xd|2|3|2026|-XE|-XT|-p|-C|March 2, 2026 - 02:05 pm|-f|DATA|-N|ann|"
             "-Xi|7.50|-Xh|10.00|-Xx|0.50|-Xy|0.50|-Xs|7|-Xc|1|-Xr|1|");
-  EXPECT_EQ(record[0], "--mode 666");
+  EXPECT_EQ(mode, "666");
   EXPECT_EQ(data, listing(ann, Y, MAR, D2, 1, LIST_DAY, LIST_EVENTS | LIST_TODOS) +
                       listing(ann, Y, MAR, D2 + 1, 1, LIST_DAY, LIST_EVENTS | LIST_TODOS));
   EXPECT_NE(data.find("year 2026\n\n03/02 (Monday):\t09:30am-10:00am\tStandup\n"), std::string::npos) << data;
@@ -81,7 +74,7 @@ TEST_F(Formatter, DayPrintCommandTokenByToken) {
 TEST_F(Formatter, WeekPrintInCentimetresListsEverySection) {
   PrintCalendar(ann, Y, MAR, D2, LIST_WEEK, LIST_REMINDERS | LIST_METRIC, 1);
   ASSERT_TRUE(ran());
-  EXPECT_EQ(joinedArgs(),
+  EXPECT_EQ(joined,
             "-Xw|2|3|2026|-XE|-XR|-l|-C|March 2, 2026 - 02:05 pm|-f|DATA|-N|ann|"
             "-Xi|2.95|-Xh|3.94|-Xx|0.20|-Xy|0.20|-Xs|7|-Xc|1|-Xr|1|");
   EXPECT_EQ(data, listing(ann, Y, MAR, D2, 1, LIST_WEEK, 7)) << "a week's data holds all three sections";
@@ -93,7 +86,7 @@ TEST_F(Formatter, MonthPrintWithTheClientSwitches) {
   setListingSwitches({.dayFirst = true, .hours24 = true, .formatterZ = true});
   PrintCalendar(ann, Y, MAR, D2, LIST_MONTH, LIST_DONE_TODOS, 1);
   ASSERT_TRUE(ran());
-  EXPECT_EQ(joinedArgs(),
+  EXPECT_EQ(joined,
             "-Xm|3|2026|-XT|-l|-C|2 March, 2026 - 14:05|-f|DATA|-N|ann|"
             "-Xi|7.50|-Xh|10.00|-Xx|0.50|-Xy|0.50|-Xs|7|-Xc|1|-Xr|1|-XZ|")
       << "no -XE without the events flag";
@@ -109,7 +102,6 @@ TEST_F(Formatter, FailuresAndTheChildStatusRule) {
   setenv("QV_PCAL_EXIT", "3", 1);
   EXPECT_EQ(stderrOf([&] { PrintCalendar(ann, Y, MAR, D2, LIST_DAY, LIST_EVENTS, 1); }), failed);
   ASSERT_TRUE(ran());
-  joinedArgs();  // the data file is gone after a failure too
   // With SIGCHLD ignored the status cannot be collected: ECHILD is not a failure.
   signal(SIGCHLD, SIG_IGN);
   EXPECT_EQ(stderrOf([&] { PrintCalendar(ann, Y, MAR, D2, LIST_DAY, LIST_EVENTS, 1); }), "");
