@@ -265,7 +265,8 @@ static void writeSection(DayWriter &w, const std::vector<Item *> &items, int kin
     } else {
       writeEventTimes(w, item);
     }
-    put(w.out, std::string("\t") + (readable ? item->title : catText(3, 1, "(private)")));
+    const char *text = item->title != nullptr ? item->title : "";
+    put(w.out, std::string("\t") + (readable ? text : catText(3, 1, "(private)")));
     if (done) put(w.out, catText(3, 2, " (done)"));
     put(w.out, "\n");
     if (w.detail) writePopups(w, item);
