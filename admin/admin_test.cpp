@@ -99,6 +99,9 @@ TEST_F(Admin, EveryCommandHasHelpAndBadCommandLinesAreUsageErrors) {
     EXPECT_EQ(got.status, r.status) << r.args[0] << " " << r.err;
     EXPECT_NE(got.err.find(r.err), std::string::npos) << got.err;
   }
+  Result noValue = run({"--lang"}, {}, true);
+  EXPECT_EQ(noValue.status, 2);
+  EXPECT_EQ(noValue.err, "quorvel-admin: option --lang needs a value\n");
   Result none = run({"users"}, {}, true);
   EXPECT_EQ(none.status, 2);
   EXPECT_EQ(none.err, "users: no database root: give --root DIR or set QUORVELPATH\n");

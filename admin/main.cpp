@@ -33,6 +33,8 @@ int main(int argc, char **argv) {
     if (strcmp(argv[i], "--help") == 0) return usage(stdout), quorvel::ADMIN_OK;
     if (const char *v = globalValue(argc, argv, &i, "--root")) g.root = v;
     else if (const char *l = globalValue(argc, argv, &i, "--lang")) g.lang = l;
+    else if (strcmp(argv[i], "--root") == 0 || strcmp(argv[i], "--lang") == 0)
+      return fprintf(stderr, "quorvel-admin: option %s needs a value\n", argv[i]), quorvel::ADMIN_USAGE;
     else return fprintf(stderr, "quorvel-admin: unknown option %s\n", argv[i]), quorvel::ADMIN_USAGE;
   }
   if (i >= argc) return usage(stderr), quorvel::ADMIN_USAGE;
