@@ -2,6 +2,7 @@
 // agent, exchange one message each way, place the reply files, copy the page.
 #include "gateway/agentlink.h"
 #include "gateway/gateway.h"
+#include "gateway/hardening.h"
 
 #include "core/base/base.h"
 
@@ -50,7 +51,8 @@ static bool sendQuery(int sock, char *query, const char *host) {
 // pairs with *sock open, or null after the error page.
 static NamePair *exchangeWithAgent(const char *host, int port, char *query, int *count,
                                    int *sock) {
-  *sock = makeConnection(host, port);
+  // Hardened mode: an agent off the allowlist is refused before any connection attempt.
+  *sock = agentAllowed(host, port) ? makeConnection(host, port) : -1;
   if (*sock < 0) {
     errorPage(localMsg(2, "Cannot connect to Quorvel web agent on host %s"), host);
     freeMem(query);
@@ -95,6 +97,7 @@ static void takePageValues(const char *query) {
 }
 
 int runRequest(int argc, char **argv) {
+  loadHardening();
   scanPutOption(argc, argv);
   char *query = takeQuery();
   takePageValues(query);
@@ -106,7 +109,9 @@ int runRequest(int argc, char **argv) {
     return FAILED;
   }
   int count = 0, sock = -1;
+  armDeadline(host);
   NamePair *pairs = exchangeWithAgent(host, port, query, &count, &sock);
+  disarmDeadline();  // the reply is in hand (or the error page out): no second page
   bool replied = pairs != nullptr;
   if (replied) placeReply(pairs, count);
   freePairList(pairs);
@@ -116,6 +121,7 @@ int runRequest(int argc, char **argv) {
 }
 
 void resetGateway() {
+  resetHardening();
   resetQuery();
   resetPage();
 }

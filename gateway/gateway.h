@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 namespace quorvel::gateway {
 
@@ -57,6 +58,8 @@ const char *localMsg(int index, const char *englishText);
 void writeStdout(const char *text);
 // Prints the whole error page with the formatted message; returns to the caller.
 void errorPage(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// The whole error page (header, frame, heading, message, button) as one text.
+std::string errorPageText(const char *message);
 void printPageHead();
 void printPageTail();
 // Prints the error page with message 6 and exits with status 0 (the cycle never calls it).

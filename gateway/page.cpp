@@ -2,6 +2,7 @@
 // German from here), the HTML error page and its frame, and the unbuffered writer every
 // byte for standard output goes through.
 #include "gateway/gateway.h"
+#include "gateway/hardening.h"
 
 #include "core/base/base.h"
 
@@ -87,42 +88,54 @@ static std::string formatText(const char *format, va_list ap) {
   return out;
 }
 
-void printPageHead() {
-  const char *icons = iconRoot ? iconRoot : "/icons";
+// In hardened mode every value from outside (the message carries the host or the
+// query) is shown HTML-escaped; by default exactly as given, as the product always did.
+static std::string shown(const char *text) {
+  return hardening().on ? htmlEscape(text) : std::string(text);
+}
+
+static std::string pageHead() {
   // Two blank lines behind the header line, as the product has always sent.
   std::string head = "Content-type: text/html\n\n\n";
   head += "<html>\n<head>\n<title>Web Quorvel</title>\n</head>\n<body background=\"";
-  head += icons;
+  head += iconRoot ? shown(iconRoot) : "/icons";
   head += "/bg4.gif\">\n";
-  writeStdout(head.c_str());
+  return head;
 }
 
-void printPageTail() { writeStdout("</body>\n</html>\n"); }
+static const char PAGE_TAIL[] = "</body>\n</html>\n";
+
+void printPageHead() { writeStdout(pageHead().c_str()); }
+
+void printPageTail() { writeStdout(PAGE_TAIL); }
+
+std::string errorPageText(const char *message) {
+  std::string page = pageHead();
+  page += "<br><br><br><br><br><br><br><br>";
+  page += "<center><table border=1 bgcolor=white><tr><td>";
+  page += "<h3>";
+  page += localMsg(5, "An error occurred processing your request:");
+  page += "</h3>\n<h4>";
+  page += shown(message);
+  page += "</h4>\n";
+  if (loginUrl && iconRoot) {
+    page += "<center>\n<a href=\"";
+    page += shown(loginUrl);
+    page += "\">\n<IMG src=\"";
+    page += shown(iconRoot);
+    page += "/blogin.gif\" border=0></a>\n</center>\n";
+  }
+  page += "</td></tr></table></center>\n";
+  return page + PAGE_TAIL;
+}
 
 void errorPage(const char *format, ...) {
+  disarmDeadline();  // one page only: the deadline's page must not follow this one
   va_list ap;
   va_start(ap, format);
   std::string message = formatText(format, ap);
   va_end(ap);
-
-  printPageHead();
-  std::string body = "<br><br><br><br><br><br><br><br>";
-  body += "<center><table border=1 bgcolor=white><tr><td>";
-  body += "<h3>";
-  body += localMsg(5, "An error occurred processing your request:");
-  body += "</h3>\n<h4>";
-  body += message;
-  body += "</h4>\n";
-  if (loginUrl && iconRoot) {
-    body += "<center>\n<a href=\"";
-    body += loginUrl;
-    body += "\">\n<IMG src=\"";
-    body += iconRoot;
-    body += "/blogin.gif\" border=0></a>\n</center>\n";
-  }
-  body += "</td></tr></table></center>\n";
-  writeStdout(body.c_str());
-  printPageTail();
+  writeStdout(errorPageText(message.c_str()).c_str());
 }
 
 void invalidArgument() {

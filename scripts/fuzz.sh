@@ -1,18 +1,26 @@
 #!/bin/bash
 # fuzz.sh [seconds] -- builds the libFuzzer targets with clang, replays every seed corpus
-# (a regression test: any crash fails), then fuzzes each target for the given seconds
-# (default 60; 0 replays only). New inputs go to a scratch copy, not the repository.
+# (a regression test: any crash fails), then fuzzes the targets for the given total
+# budget in seconds (default 600), shared equally among them with at least 10 s each
+# (0 replays only). New inputs go to a scratch copy, not the repository.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-secs="${1:-60}"
+budget="${1:-600}"
 bash scripts/setup.sh
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DQV_FUZZ=ON -DQV_TESTS=OFF \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 ninja -C build-fuzz
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+bins=(build-fuzz/fuzz/*_fuzz)
+secs=0
+if [ "$budget" != 0 ]; then
+  secs=$(( budget / ${#bins[@]} ))
+  (( secs >= 10 )) || secs=10
+fi
+echo "== ${#bins[@]} fuzz targets, ${secs}s each"
 status=0
-for bin in build-fuzz/fuzz/*_fuzz; do
+for bin in "${bins[@]}"; do
   [ -x "$bin" ] || continue
   name=$(basename "$bin" _fuzz)
   corpus="fuzz/corpus/$name"

@@ -1,14 +1,17 @@
 #!/bin/bash
 # setup.sh -- installs, from Debian's packages, whatever the build, the tests, the demo
-# and the benchmarks need and this machine lacks. Safe to run again.
+# and the benchmarks need and this machine lacks. Safe to run again; prints what it
+# installs and apt's progress, since a first install can take minutes.
 set -euo pipefail
 
 need=()
-have_cmd() { command -v "$1" >/dev/null 2>&1; }
 have_pkg() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
 
+# Build and tests; the web servers of the deployment tests (lighttpd, Apache, nginx with
+# fcgiwrap); chromium for the page screenshots; pkgconf for the installed-package check.
 for p in cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev \
-         libbenchmark-dev lighttpd libprotobuf-dev protobuf-compiler hyperfine curl; do
+         libbenchmark-dev lighttpd libprotobuf-dev protobuf-compiler hyperfine curl pkgconf \
+         apache2 nginx-light fcgiwrap chromium; do
   have_pkg "$p" || need+=("$p")
 done
 
@@ -17,11 +20,15 @@ if ((${#need[@]})); then
   SUDO=""
   [ "$(id -u)" = 0 ] || SUDO="sudo"
   export DEBIAN_FRONTEND=noninteractive
-  $SUDO apt-get update -qq || true
-  $SUDO apt-get install -y -qq "${need[@]}" >/dev/null
-fi
-# lighttpd's package starts a system-wide server on port 80; we only want the binary.
-if have_cmd systemctl && systemctl is-active --quiet lighttpd 2>/dev/null; then
-  systemctl stop lighttpd || true
+  $SUDO apt-get update -q || true
+  $SUDO apt-get install -y -q "${need[@]}"
+  # The web servers' packages may start system-wide servers on port 80; the tests and
+  # the demo start their own on loopback, so stop what this install started.
+  for s in lighttpd apache2 nginx fcgiwrap; do
+    case " ${need[*]} " in *" $s "*|*" $s-light "*)
+      $SUDO service "$s" stop >/dev/null 2>&1 || true ;;
+    esac
+  done
+  echo "setup: done"
 fi
 exit 0

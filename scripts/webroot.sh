@@ -1,7 +1,7 @@
 #!/bin/bash
 # webroot.sh ROOT CGI_PROGRAM HTTP_PORT -- lays out a web root for the gateway and writes
 # a lighttpd configuration for it: ROOT/cgi-bin/webquorvel (a copy of CGI_PROGRAM) beside
-# ROOT/htdocs/ (with tmp/), and ROOT/lighttpd.conf serving htdocs/ on 127.0.0.1:HTTP_PORT
+# ROOT/htdocs/ (with tmp/ and the error page's icons/), and ROOT/lighttpd.conf serving htdocs/ on 127.0.0.1:HTTP_PORT
 # with /cgi-bin/ run through mod_cgi. lighttpd's mod_cgi starts a CGI with its working
 # directory set to the script's own directory, so the gateway's "../htdocs/" is the
 # sibling document tree. The server keeps the invoking user and listens on loopback
@@ -21,7 +21,9 @@ esac
 
 mkdir -p "$root"
 root=$(cd "$root" && pwd)
-mkdir -p "$root/cgi-bin" "$root/htdocs/tmp" "$root/log"
+mkdir -p "$root/cgi-bin" "$root/htdocs/tmp" "$root/htdocs/icons" "$root/log"
+# The images the gateway's error page refers to (rpt=/icons, or no rpt at all).
+cp -f "$(dirname "$0")/../htdocs/icons/"*.gif "$root/htdocs/icons/"
 cp -f "$program" "$root/cgi-bin/webquorvel.new"
 chmod 0755 "$root/cgi-bin/webquorvel.new"
 mv -f "$root/cgi-bin/webquorvel.new" "$root/cgi-bin/webquorvel"

@@ -198,13 +198,13 @@ static AgentScript takeScript(SampleAgent *agent) {
   size_t i = agent->nextScript < agent->scripts.size() ? agent->nextScript++ : agent->scripts.size() - 1;
   return agent->scripts[i];
 }
-static void dripBytes(int fd, const std::string &bytes, size_t step) {
+static void dripBytes(int fd, const std::string &bytes, size_t step, unsigned pauseMicros) {
   if (step == 0) step = 1;
   int one = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   for (size_t at = 0; at < bytes.size(); at += step) {
     if (!sendAll(fd, bytes.data() + at, std::min(step, bytes.size() - at))) return;
-    usleep(500);  // lets each piece travel on its own (the peer's reads see it split)
+    usleep(pauseMicros);  // lets each piece travel on its own (the peer's reads see it split)
   }
 }
 static void serveConnection(SampleAgent *agent, int fd) {
@@ -223,7 +223,7 @@ static void serveConnection(SampleAgent *agent, int fd) {
   if (script.mode == AgentMode::CloseEarly) return;
   if (script.mode == AgentMode::Silent) return holdUntilClosed(agent, fd);
   std::string reply = agentReplyBytes(script, query);
-  if (script.mode == AgentMode::Drip) dripBytes(fd, reply, script.dripBytes);
+  if (script.mode == AgentMode::Drip) dripBytes(fd, reply, script.dripBytes, script.dripPauseMicros);
   else sendAll(fd, reply.data(), reply.size());
   shutdown(fd, SHUT_WR);
   holdUntilClosed(agent, fd);  // the peer reads everything, then closes

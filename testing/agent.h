@@ -73,6 +73,7 @@ struct AgentScript {
   int fileCount = 0;             // Files
   size_t fileSize = 0;           // Files
   size_t dripBytes = 7;          // Drip
+  unsigned dripPauseMicros = 500;  // Drip: the pause after each piece
   std::string raw;               // Raw
   AgentScript(AgentMode m = AgentMode::Demo, std::vector<AgentPair> p = {}) : mode(m), pairs(p) {}
 };

@@ -84,7 +84,19 @@ using Cleanup = void (*)();
 void registerCleanup(Cleanup fn);
 [[noreturn]] void exitProcess(int status);
 
-// Forget every hook and clean-up (tests).
+// The signal road out. A handler may interrupt malloc or stdio, so it must not run the
+// clean-ups above: a module that holds a file to be removed on exit (a lock) records
+// its name here when it takes it and lets go of it when it removes the file itself.
+// exitOnSignal unlinks the recorded names and calls _exit: only async-signal-safe steps.
+// holdNameForSignal returns a slot number, or -1 when the name is too long or every
+// slot is taken (the file is then removed by the normal exit path only).
+inline constexpr int SIGNAL_NAME_SLOTS = 4;
+inline constexpr size_t SIGNAL_NAME_MAX = 4096;  // bytes, the terminating NUL included
+int holdNameForSignal(const char *path);
+void releaseNameForSignal(int slot);
+[[noreturn]] void exitOnSignal(int status);
+
+// Forget every hook, clean-up and name held for the signal road (tests).
 void resetBase();
 
 }  // namespace quorvel

@@ -3,8 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 using namespace quorvel;
@@ -68,6 +72,43 @@ TEST(ExitPath, RunsCleanupsOnceInReverseOrderOnFatalAndOutOfMemory) {
         outOfMem("NewBuf");
       },
       ::testing::ExitedWithCode(1), "^OutOfMem: called from NewBuf\\(\\)\nA$");
+}
+
+static void onTerm(int sig) { exitOnSignal(128 + sig); }
+
+// The signal road unlinks the recorded names and ends the process without running the
+// clean-ups (which may allocate or print, unsafe inside a handler) or flushing stdio.
+TEST(ExitPath, SignalRoadUnlinksHeldNamesOnlyAndSkipsCleanups) {
+  char dir[] = "/tmp/qvbaseXXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  std::string held = std::string(dir) + "/held", freed = std::string(dir) + "/freed";
+  EXPECT_EXIT(
+      {
+        resetBase();
+        for (const std::string &f : {held, freed}) fclose(fopen(f.c_str(), "w"));
+        registerCleanup(cleanA);
+        int kept = holdNameForSignal(held.c_str());
+        releaseNameForSignal(holdNameForSignal(freed.c_str()));
+        printf("unflushed");
+        signal(SIGTERM, onTerm);
+        if (kept >= 0) raise(SIGTERM);
+        _exit(99);
+      },
+      ::testing::ExitedWithCode(128 + SIGTERM), "^$");  // no "A" from the clean-up
+  EXPECT_EQ(access(freed.c_str(), F_OK), 0);  // a released name stays
+  EXPECT_NE(access(held.c_str(), F_OK), 0);
+  unlink(freed.c_str());
+  rmdir(dir);
+
+  // Bounded: a name that does not fit and a fifth name are refused, not truncated.
+  resetBase();
+  EXPECT_EQ(holdNameForSignal(std::string(SIGNAL_NAME_MAX, 'x').c_str()), -1);
+  EXPECT_EQ(holdNameForSignal(std::string(SIGNAL_NAME_MAX - 1, 'x').c_str()), 0);
+  for (int i = 1; i < SIGNAL_NAME_SLOTS; i++) EXPECT_EQ(holdNameForSignal("/tmp/n"), i);
+  EXPECT_EQ(holdNameForSignal("/tmp/n"), -1);
+  releaseNameForSignal(2);
+  EXPECT_EQ(holdNameForSignal("/tmp/n"), 2);  // a released slot is reused
+  resetBase();
 }
 
 TEST(Reports, WarningAddsOneLineEndAndCounts) {

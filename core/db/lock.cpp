@@ -19,6 +19,7 @@ namespace quorvel {
 /* ---- Process-wide state ------------------------------------------------------------ */
 
 static char *heldName;                  // set by setLock, freed by clearLock
+static int heldSignalSlot = -1;         // heldName's slot on the signal road, or -1
 static bool cleanupRegistered;          // removeHeldLock is on the exit path
 static char ownerId[100];               // lock-owner identity; set only by setLockOwner
 static size_t ownerLen;                 // its length
@@ -117,6 +118,7 @@ void setLock(const char *name) {
   heldName = static_cast<char *>(allocMem(nullptr, len));
   if (heldName == nullptr) outOfMem("setLock");
   memcpy(heldName, name, len);
+  heldSignalSlot = holdNameForSignal(heldName);
   if (!cleanupRegistered) {
     registerCleanup(removeHeldLock);
     cleanupRegistered = true;
@@ -124,6 +126,8 @@ void setLock(const char *name) {
 }
 
 void clearLock() {
+  releaseNameForSignal(heldSignalSlot);
+  heldSignalSlot = -1;
   freeMem(heldName);
   heldName = nullptr;
 }
@@ -159,10 +163,12 @@ void stuckLock(const char *path, int err) {
 
 /* ---- Signals ---------------------------------------------------------------------------- */
 
+// The handler may have interrupted malloc or stdio, so it leaves by the signal road:
+// the held lock's name was recorded when it was taken; nothing is freed or flushed.
 static void onSignal(int sig) {
   signal(sig, onSignal);
   signalCount = signalCount + 1;
-  if (criticalDepth() < 1) exitProcess(128 + sig);
+  if (criticalDepth() < 1) exitOnSignal(128 + sig);
 }
 
 void installSignalHandlers() {

@@ -7,7 +7,7 @@
 // unlockDatabase are kept, called around a database write whenever usesLocalLocks (the
 // database is neither reached through a server nor the default one), and do nothing.
 // The process holds at most one named lock file, removed on every exit path. SIGINT,
-// SIGHUP and SIGTERM end the process through that exit path; SIGPIPE and SIGCHLD are
+// SIGHUP and SIGTERM end the process after removing it; SIGPIPE and SIGCHLD are
 // ignored.
 // Results: times are int32 seconds or NO_TIME; ints 0 success, -1 refusal.
 #pragma once
@@ -79,7 +79,8 @@ void setLockOwner(const char *id, size_t len);
 
 /* ---- Signals ----------------------------------------------------------------------------- */
 
-// SIGINT, SIGHUP, SIGTERM: count and leave through exitProcess (128 + the signal).
+// SIGINT, SIGHUP, SIGTERM: count, remove the held lock and end the process with status
+// 128 + the signal, by async-signal-safe steps only (exitOnSignal).
 // SIGPIPE, SIGCHLD: ignored.
 void installSignalHandlers();
 int signalsReceived();
