@@ -5,11 +5,13 @@
 // Divisions: process-wide state, writing the records, putDats, storing, the set file,
 // the dump, reading.
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 #include "core/base/base.h"
 #include "core/db/context.h"
@@ -29,6 +31,17 @@ static int32_t changeTime = NO_TIME;  // set by storeDatPerms, readDatPermFile; 
 static long rememberedSize = 0;       // set by putDats and the main context's reads;
                                       // read by the shrink check
 static bool lastWriteRefused;         // set by putDats, read by storeDatPerms
+
+// The one-line report of a failure; returns -1 so that a failure path is one return.
+__attribute__((format(printf, 1, 2))) static int failWith(const char *fmt, ...) {
+  char line[DB_PATH_MAX + 64];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(line, sizeof line, fmt, ap);
+  va_end(ap);
+  logMsg("%s", line);
+  return -1;
+}
 
 int32_t datPermChangeTime() { return changeTime; }
 long datPermFileSize() { return rememberedSize; }
@@ -160,19 +173,14 @@ static void syncParentDir(const char *path) {
 // rename, with no saved copy: a failed rename leaves the records in the scratch file.
 static int installRecords(DbHandle *ctx, const char *path, const std::string &tmp) {
   if (writeScratch(ctx, tmp) != 0) {
-    logMsg("putDats: cannot write out tmp file");
     retryUnlink(tmp.c_str());  // a partial file is of no use
-    return -1;
+    return failWith("putDats: cannot write out tmp file");
   }
   if (!passesShrinkCheck(ctx, tmp)) return -1;
-  if (retryUnlink(path) != 0 && errno != ENOENT) {
-    logMsg("putDats: cannot unlink old dat perm file");
-    return -1;
-  }
-  if (retryRename(tmp.c_str(), path) != 0) {
-    logMsg("putDats: cannot rename tmp to dat perm file");
-    return -1;
-  }
+  if (retryUnlink(path) != 0 && errno != ENOENT)
+    return failWith("putDats: cannot unlink old dat perm file");
+  if (retryRename(tmp.c_str(), path) != 0)
+    return failWith("putDats: cannot rename tmp to dat perm file");
   syncParentDir(path);
   return 0;
 }
@@ -181,10 +189,9 @@ int putDats(DbHandle *ctx, const char *path) {
   lastWriteRefused = false;
   if (ctx->permCount == 0) return 0;
   if (ctx->permMode != PERM_MODE_ADMIN && writeProtected(path)) {
-    logMsg("putDats: dat.perm not writeable");
     changeTime = -1;
     lastWriteRefused = true;
-    return -1;
+    return failWith("putDats: dat.perm not writeable");
   }
   lockPermsForWriting();
   int r = installRecords(ctx, path, std::string(path) + "TMP");
@@ -228,15 +235,12 @@ int storeDatPerms(DbHandle *ctx) {
 // routine "putExtBitinfo", as the program always has.
 static int installSetFile(const char *path, const std::string &tmp) {
   if (retryUnlink(path) != 0 && errno != ENOENT) {
-    logMsg("putExtBitinfo: cannot unlink %s", path);
     retryChmod(path, 0600);
-    return -1;
+    return failWith("putExtBitinfo: cannot unlink %s", path);
   }
   int r = 0;
-  if (retryRename(tmp.c_str(), path) != 0) {
-    logMsg("putExtBitinfo: cannot rename tmp to %s", path);
-    r = -1;
-  }
+  if (retryRename(tmp.c_str(), path) != 0)
+    r = failWith("putExtBitinfo: cannot rename tmp to %s", path);
   retryChmod(path, 0600);
   return r;
 }
@@ -245,13 +249,10 @@ int putExtBitInfo(const char *path, const uint16_t *set) {
   if (setBitCount(set) == 0) return 0;
   std::string tmp = std::string(path) + "TMP";
   FILE *f = Fopen(tmp.c_str(), "w");
-  if (f == nullptr) {
-    logMsg("putExtBitInfo: cannot open tmp file");
-    return -1;
-  }
-  bool written = writeCalendarSet(f, "#%c\t", 'R', set, fileLineWriter) == 0;
+  if (f == nullptr) return failWith("putExtBitInfo: cannot open tmp file");
+  bool written = writeCalendarSet(f, "#%c\t", 'R', set, fileLineWriter) == 0 &&
+                 fflush(f) == 0 && fsync(fileno(f)) == 0;
   if (!written) logMsg("putExtBitInfo: cannot write to tmp file");
-  if (fflush(f) != 0 || fsync(fileno(f)) != 0) written = false;
   Fclose(f);
   // A short write would replace the set in force by part of it: keep the old file.
   if (!written) return retryUnlink(tmp.c_str()), -1;
@@ -287,11 +288,11 @@ static void dumpSet(const char *head, const uint16_t *set) {
 void dumpDatPerms(DbHandle *ctx) {
   setCurrentDb(ctx);
   for (DatEntry *rec = ctx->permCount ? ctx->perms : nullptr; rec; rec = rec->next) {
+    bool ok = true;
+    const char *owner = ownerText(rec, &ok);  // named before the switch, as written
+    logMsg("For %s\n", owner ? owner : "(null)");
     if (!rec->linkedDatabase.empty())
       if (DbHandle *db = findDbByName(rec->linkedDatabase.c_str())) setCurrentDb(db);
-    bool ok = true;
-    const char *owner = ownerText(rec, &ok);
-    logMsg("For %s\n", owner ? owner : "(null)");
     dumpSet("Readers are ", rec->readers);
     dumpSet("Writers are ", rec->writers);
     dumpSet("Agents are ", rec->agents);
@@ -303,10 +304,11 @@ void dumpDatPerms(DbHandle *ctx) {
 /* ==== Reading ======================================================================= */
 
 // A value that ends in a backslash would continue onto the next line when written
-// again; the backslashes are cut, as the record files cut their texts.
+// again, and a carriage return at its end would be taken for part of the line end:
+// both are cut, as the record files cut their texts.
 static std::string cleanValue(const char *value) {
   std::string v(value);
-  while (!v.empty() && v.back() == '\\') v.pop_back();
+  while (!v.empty() && (v.back() == '\\' || v.back() == '\r')) v.pop_back();
   return v;
 }
 
@@ -320,27 +322,32 @@ static void readLine(DatEntry *rec, const RecordLine &line) {
     if (DbHandle *db = findDbByName(rec->linkedDatabase.c_str())) setCurrentDb(db);
   } else if (line.tag == 'B' || line.tag == 'F') {
     DateTime dt;
-    if (parseDateTime(line.value, &dt, nullptr) == 0) (line.tag == 'B' ? rec->begin : rec->final) = dt;
+    if (parseDateTime(line.value, &dt, nullptr) == 0)
+      (line.tag == 'B' ? rec->begin : rec->final) = dt;
   } else if (CalSet *set = datPermSet(rec, line.tag)) {
     readCalendarSet(cleanValue(line.value).c_str(), set);
   }
 }
 
-// Keeps a finished record when it names an owner; one without grants nothing, and as
-// a first record it would stop every later one from being written again.
-static void finishRecord(DbHandle *ctx, DatEntry *rec, bool *open) {
-  if (!*open) return;
-  *open = false;
-  if (rec->owner < 0 && rec->ownerName.empty()) {
-    freebits(&rec->W), freebits(&rec->agents), freebits(&rec->schedulers);
-    freebits(&rec->readers), freebits(&rec->writers), freebits(&rec->X);
-  } else {
-    DatEntry *slot = AddToDat(ctx, rec->owner);
-    DatEntry *next = slot->next;
-    *slot = std::move(*rec);  // the sets change hands
-    slot->next = next;
+// Reads a record's lines in the writer's order whatever their order in the text: the
+// owner is named in the table current before the record's J line, the sets in the
+// table that J line makes current. A record without an owner grants nothing and is
+// dropped (as a first record it would stop every later one from being written again).
+static void readRecord(DbHandle *ctx, const std::vector<RecordLine> &lines) {
+  DatEntry rec{};
+  rec.owner = -1, rec.begin = rec.final = initDateTime();
+  for (const char *pass : {"O", "J", "BFWRCYNX"})
+    for (const RecordLine &line : lines)
+      if (strchr(pass, line.tag) != nullptr) readLine(&rec, line);
+  if (rec.owner < 0 && rec.ownerName.empty()) {
+    freebits(&rec.W), freebits(&rec.agents), freebits(&rec.schedulers);
+    freebits(&rec.readers), freebits(&rec.writers), freebits(&rec.X);
+    return;
   }
-  *rec = DatEntry{};
+  DatEntry *slot = AddToDat(ctx, rec.owner);
+  DatEntry *next = slot->next;
+  *slot = std::move(rec);  // the sets change hands
+  slot->next = next;
 }
 
 int parseDatRecords(DbHandle *ctx, char *text, size_t len) {
@@ -349,17 +356,16 @@ int parseDatRecords(DbHandle *ctx, char *text, size_t len) {
   LineScan scan;
   startLineScan(&scan, text, len);
   RecordLine line;
-  DatEntry rec{};
-  bool open = false;
+  std::vector<RecordLine> lines;  // values stay in place inside text
   while (nextRecordLine(&scan, &line)) {
-    if (line.tag == 0) {
-      finishRecord(ctx, &rec, &open);
-      continue;
+    if (line.tag != 0) {
+      lines.push_back(line);
+    } else if (!lines.empty()) {
+      readRecord(ctx, lines);
+      lines.clear();
     }
-    if (!open) rec = DatEntry{}, rec.owner = -1, rec.begin = rec.final = initDateTime(), open = true;
-    readLine(&rec, line);
   }
-  finishRecord(ctx, &rec, &open);
+  if (!lines.empty()) readRecord(ctx, lines);
   restoreCurrentDb();
   return ctx->permCount;
 }
@@ -367,7 +373,7 @@ int parseDatRecords(DbHandle *ctx, char *text, size_t len) {
 int readDatPermFile(DbHandle *ctx, const char *path) {
   FILE *f = Fopen(path, "r");
   if (f == nullptr) {
-    if (errno != ENOENT) return logMsg("readDatPerms: cannot open %s", path), -1;
+    if (errno != ENOENT) return failWith("readDatPerms: cannot open %s", path);
     dropDatRecords(ctx);  // no file: no permissions
     return 0;
   }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <shared_mutex>
 #include <string>
+#include <vector>
 
 #include "core/base/base.h"
 #include "core/db/context.h"
@@ -24,11 +25,12 @@ static CalSet guests;
 static unsigned guestGeneration;  // bumped with every change of guests (cache key)
 
 // The known calendars of one context as last counted: recounted when the context, its
-// user list, the list's length, the table's size or the guests differ.
+// user list (address, length, file time), the table's size or the guests differ.
 struct KnownCache {
   DbHandle *ctx = nullptr;
   const UserList *users = nullptr;
   int userCount = -1, tableSize = -1;
+  int32_t usersTime = 0;
   unsigned guestGeneration = 0;
   CalSet set = nullptr;
   int members = 0;
@@ -59,9 +61,10 @@ static const KnownCache &knownOf(DbHandle *ctx) {
   if (ctx == nullptr) ctx = currentDb();
   const UserList *users = ctx ? ctx->users : nullptr;
   int userCount = users ? users->count : -1, tableSize = calendarTableSize(ctx);
+  int32_t usersTime = ctx ? ctx->usersFileTime : 0;
   if (known.set != nullptr && known.ctx == ctx && known.users == users &&
       known.userCount == userCount && known.tableSize == tableSize &&
-      known.guestGeneration == guestGeneration)
+      known.usersTime == usersTime && known.guestGeneration == guestGeneration)
     return known;
   usersOf(ctx, &known.set);
   if (ctx != nullptr && ctx == mainDb()) {
@@ -70,7 +73,7 @@ static const KnownCache &knownOf(DbHandle *ctx) {
       if (testbit(guests, i)) setbit(&known.set, i, 1);
   }
   if (known.set == nullptr) allocbits(&known.set, 1);  // cached even when empty
-  known.ctx = ctx, known.users = users, known.userCount = userCount;
+  known.ctx = ctx, known.users = users, known.userCount = userCount, known.usersTime = usersTime;
   known.tableSize = tableSize, known.guestGeneration = guestGeneration;
   known.members = setMembers(known.set);
   return known;
@@ -98,19 +101,23 @@ const uint16_t *guestCalendars() { return guests; }
 // The names of set's members joined by ",", a backslash, newline and tab once the
 // column passes 60. False at a member without a name (the text so far stays in out).
 static bool appendNames(std::string &out, DbHandle *ctx, const uint16_t *set) {
-  int column = 8, n = setBitCount(set);  // the tab is 8 columns wide
+  int column = 8, words = (setBitCount(set) + 15) / 16;  // the tab is 8 columns wide
   bool first = true;
-  for (int i = 0; i < n; i++) {
-    if (!testbit(set, i)) continue;
-    if (!first) {
-      out.push_back(',');
-      if (++column > 60) out.append("\\\n\t"), column = 8;
+  for (int w = 0; w < words; w++) {
+    // Whole words at a time: most of a large set's words are empty.
+    for (unsigned bits = set[1 + w]; bits != 0; bits &= bits - 1) {
+      int i = w * 16 + std::countr_zero(bits);
+      if (!first) {
+        out.push_back(',');
+        if (++column > 60) out.append("\\\n\t"), column = 8;
+      }
+      first = false;
+      const char *name = tableName(ctx, i);
+      if (name == nullptr || *name == '\0') return false;
+      size_t len = strlen(name);
+      out.append(name, len);
+      column += static_cast<int>(len);
     }
-    first = false;
-    const char *name = tableName(ctx, i);
-    if (name == nullptr || *name == '\0') return false;
-    out.append(name);
-    column += static_cast<int>(strlen(name));
   }
   return true;
 }
@@ -139,6 +146,8 @@ int readCalendarSet(const char *value, CalSet *set) {
       if (testbit(all.set, i)) setbit(set, i, 1);
     return setMembers(*set) - before;
   }
+  // The indexes are gathered first so that the set grows once, not once per name.
+  std::vector<int> found;
   std::string name;
   for (const char *p = value;; p++) {
     if (*p != ',' && *p != '\0') {
@@ -146,10 +155,14 @@ int readCalendarSet(const char *value, CalSet *set) {
       continue;
     }
     int index = name.empty() ? -1 : lookupCalendar(ctx, name.c_str());
-    if (index >= 0) setbit(set, index, 1);  // a name no longer known is dropped
+    if (index >= 0) found.push_back(index);  // a name no longer known is dropped
     name.clear();
     if (*p == '\0') break;
   }
+  int top = -1;
+  for (int i : found) top = i > top ? i : top;
+  if (top >= setBitCount(*set)) allocbits(set, top + 1);
+  for (int i : found) setbit(set, i, 1);
   return setMembers(*set) - before;
 }
 
@@ -176,7 +189,8 @@ static DatEntry blankRecord(int32_t owner) {
 
 DatEntry *AddToDat(DbHandle *ctx, int32_t owner) {
   unsigned count = static_cast<unsigned>(ctx->permCount);
-  if (count == 0 || std::has_single_bit(count)) {
+  bool moved = count == 0 || std::has_single_bit(count);
+  if (moved) {
     DatEntry *grown = new (std::nothrow) DatEntry[count == 0 ? 1 : count * 2];
     if (grown == nullptr) outOfMem("AddToDat");
     for (unsigned i = 0; i < count; i++) grown[i] = std::move(ctx->perms[i]);
@@ -185,7 +199,8 @@ DatEntry *AddToDat(DbHandle *ctx, int32_t owner) {
   }
   ctx->perms[count] = blankRecord(owner);
   ctx->permCount++;
-  relink(ctx);
+  if (moved) relink(ctx);  // otherwise only the last link is new
+  else ctx->perms[count - 1].next = &ctx->perms[count];
   return &ctx->perms[count];
 }
 

@@ -2,13 +2,12 @@
 // store and read against the fake calendar server.
 #include "core/people/people_test_util.h"
 #include "core/people/perms.h"
-#include "core/db/retry.h"
 #include "core/items/item.h"
 #include "core/net/link.h"
 #include "testing/calserver.h"
 
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <unistd.h>
 
 using namespace quorvel;
@@ -39,13 +38,9 @@ class PermsTest : public PeopleTest {
   }
   static std::string slurp(const std::string &path) {
     std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
   }
-  static void spit(const std::string &path, const std::string &text) {
-    std::ofstream(path) << text;
-  }
+  static void spit(const std::string &path, const std::string &t) { std::ofstream(path) << t; }
   static std::string encode(const uint16_t *set, int *rc = nullptr) {
     TextSink sink;
     int r = writeCalendarSet(&sink, "#%c\t", 'R', set, textLineWriter);
@@ -86,21 +81,18 @@ TEST_F(PermsTest, SetEncoderWritesAllNamesOrNothingAndWrapsPastColumnSixty) {
   for (const Row &r : rows) {
     CalSet s = setOf(r.members);
     int rc = 9;
-    EXPECT_EQ(encode(s, &rc), r.want);
-    EXPECT_EQ(rc, r.rc);
+    EXPECT_EQ(encode(s, &rc), r.want); EXPECT_EQ(rc, r.rc);
     freebits(&s);
   }
   CalSet capacityOnly = nullptr;
   allocbits(&capacityOnly, 40);
-  EXPECT_EQ(encode(capacityOnly), "");
-  freebits(&capacityOnly);
+  EXPECT_EQ(encode(capacityOnly), ""); freebits(&capacityOnly);
   // Names of 51 and 52 characters: after the first one and its comma the column stands
   // at 60 (no wrap) or 61 (wrap: backslash, newline, tab).
   std::string n51(51, 'x'), n52(52, 'y');
   readMain(n51 + ",p\n" + n52 + ",q\nz,r\nw,s\n", 2000);
   CalSet a = setOf({0, 2}), b = setOf({1, 2});
-  EXPECT_EQ(encode(a), "#R\t" + n51 + ",z\n");
-  EXPECT_EQ(encode(b), "#R\t" + n52 + ",\\\n\tz\n");
+  EXPECT_EQ(encode(a), "#R\t" + n51 + ",z\n"); EXPECT_EQ(encode(b), "#R\t" + n52 + ",\\\n\tz\n");
   freebits(&a), freebits(&b);
 }
 
@@ -110,23 +102,16 @@ TEST_F(PermsTest, GuestCalendarsJoinOnlyTheMainContextsKnownCalendars) {
   CalSet users = setOf({0, 1, 2, 3, 4}), withGuest = setOf({0, 1, 2, 3, 4, 5});
   EXPECT_EQ(encode(users), "#R\t__ALL__\n");
   addGuestCalendar(5);
-  EXPECT_EQ(knownCalendarCount(main), 6);
+  EXPECT_EQ(knownCalendarCount(main), 6); EXPECT_EQ(encode(withGuest), "#R\t__ALL__\n");
   EXPECT_EQ(encode(users), "#R\tann,bob,cat,dan,eve\n");
-  EXPECT_EQ(encode(withGuest), "#R\t__ALL__\n");
   // Another context knows its own users only, guests or not.
   DbHandle *other = makeContext("other", DB_KIND_LOCAL);
   writeAt("db/remoteUsers/other", "p,1\nq,2\n", 500);
-  readUsersFile(other, &changed);
-  EXPECT_EQ(knownCalendarCount(other), 2);
-  setCurrentDb(other);
-  CalSet pq = setOf({0, 1}), all;
-  EXPECT_EQ(encode(pq), "#R\t__ALL__\n");
-  CalSet back = nullptr;
-  EXPECT_EQ(readCalendarSet("__ALL__", &back), 2);
-  restoreCurrentDb();
-  EXPECT_EQ(members(back), "0,1");
-  setGuestCalendars(nullptr);
-  all = nullptr, knownCalendars(main, &all);
+  readUsersFile(other, &changed), setCurrentDb(other);
+  CalSet pq = setOf({0, 1}), all = nullptr, back = nullptr;
+  EXPECT_EQ(knownCalendarCount(other), 2); EXPECT_EQ(encode(pq), "#R\t__ALL__\n");
+  EXPECT_EQ(readCalendarSet("__ALL__", &back), 2); EXPECT_EQ(members(back), "0,1");
+  restoreCurrentDb(), setGuestCalendars(nullptr), knownCalendars(main, &all);
   EXPECT_EQ(members(all), "0,1,2,3,4");
   for (CalSet *s : {&users, &withGuest, &pq, &all, &back}) freebits(s);
 }
@@ -150,10 +135,8 @@ TEST_F(PermsTest, WriterLinesFollowTheRecordAndItsSets) {
   // where it becomes the own calendar (none here: still no O line).
   main->perms[0].owner = -1;
   EXPECT_EQ(text(main), "");
-  main->permMode = PERM_MODE_ADMIN;
-  setOwnCalendar(3);
-  EXPECT_EQ(text(main).substr(0, 9), "\n#O\tdan\n#");
-  EXPECT_EQ(main->perms[0].owner, 3);
+  main->permMode = PERM_MODE_ADMIN, setOwnCalendar(3);
+  EXPECT_EQ(text(main).substr(0, 9), "\n#O\tdan\n#"); EXPECT_EQ(main->perms[0].owner, 3);
 }
 
 TEST_F(PermsTest, ReaderIsTheWritersInverseAcrossTablesAndContinuationLines) {
@@ -174,14 +157,11 @@ TEST_F(PermsTest, ReaderIsTheWritersInverseAcrossTablesAndContinuationLines) {
   EXPECT_NE(first.find("#J\tlinked\n#B\t0x64 @0x0 %0x0\n#F\t0xc8 @0x7 %0x0\n#R\tlx,lz\n"
                        "\n#O\tlx\n#R\tly\n"), std::string::npos);
   freeDatEntries(main);
-  EXPECT_EQ(readDatPermFile(main, permPath.c_str()), 4);
-  EXPECT_EQ(currentDb(), main);
+  EXPECT_EQ(readDatPermFile(main, permPath.c_str()), 4); EXPECT_EQ(currentDb(), main);
   EXPECT_EQ(members(main->perms[0].readers), "0,5,6,7");
-  EXPECT_EQ(main->perms[2].linkedDatabase, "linked");
-  EXPECT_EQ(main->perms[2].final.q1, 7);
+  EXPECT_EQ(main->perms[2].linkedDatabase, "linked"); EXPECT_EQ(main->perms[2].final.q1, 7);
   EXPECT_EQ(main->perms[3].owner, 0);  // "lx" in the linked table
-  EXPECT_EQ(text(main), first);
-  EXPECT_EQ(datPermFileSize(), static_cast<long>(first.size()));
+  EXPECT_EQ(text(main), first); EXPECT_EQ(datPermFileSize(), long(first.size()));
   // Hand-written lines: unknown names dropped, an unknown owner kept for the rewrite,
   // a record without an owner dropped, a trailing backslash at the end cut.
   spit(permPath, "#R\tann\n\n#O\tgone\n#R\tann,nobody,\\\n\tcat\n#Q\tunknown tag\n"
@@ -189,9 +169,12 @@ TEST_F(PermsTest, ReaderIsTheWritersInverseAcrossTablesAndContinuationLines) {
   EXPECT_EQ(readDatPermFile(main, permPath.c_str()), 2);
   EXPECT_EQ(main->perms[0].ownerName, "gone");
   EXPECT_EQ(text(main), "\n#O\tgone\n#R\tann,cat\n\n#O\tbob\n#C\t__ALL__\n#X\teve\n");
+  // Lines out of the writer's order: the owner still comes from the table before J.
+  spit(permPath, "\n#R\tly,lz\n#J\tlinked\n#O\tdan\n");
+  EXPECT_EQ(readDatPermFile(main, permPath.c_str()), 1);
+  EXPECT_EQ(text(main), "\n#O\tdan\n#J\tlinked\n#R\tly,lz\n");
   remove(permPath.c_str());
-  EXPECT_EQ(readDatPermFile(main, permPath.c_str()), 0);
-  EXPECT_EQ(main->permCount, 0);
+  EXPECT_EQ(readDatPermFile(main, permPath.c_str()), 0); EXPECT_EQ(main->permCount, 0);
 }
 
 TEST_F(PermsTest, PutDatsRefusesProtectedFilesAndShrinksBelowEightyPercent) {
@@ -201,14 +184,11 @@ TEST_F(PermsTest, PutDatsRefusesProtectedFilesAndShrinksBelowEightyPercent) {
   CaptureStderr();
   EXPECT_EQ(putDats(main, permPath.c_str()), -1);
   EXPECT_EQ(GetCapturedStderr(), "putDats: dat.perm not writeable\n");
-  EXPECT_EQ(datPermChangeTime(), -1);
-  EXPECT_EQ(slurp(permPath), "old contents\n");
+  EXPECT_EQ(datPermChangeTime(), -1); EXPECT_EQ(slurp(permPath), "old contents\n");
   main->permMode = PERM_MODE_ADMIN;  // the administrator writes over it
-  EXPECT_EQ(putDats(main, permPath.c_str()), 0);
-  EXPECT_EQ(slurp(permPath), "\n#O\tann\n#R\tbob\n");
-  EXPECT_EQ(modeOf(permPath), 0600u);
-  EXPECT_EQ(datPermFileSize(), 15);
-  EXPECT_FALSE(access((permPath + "TMP").c_str(), F_OK) == 0);
+  EXPECT_EQ(putDats(main, permPath.c_str()), 0); EXPECT_EQ(datPermFileSize(), 15);
+  EXPECT_EQ(slurp(permPath), "\n#O\tann\n#R\tbob\n"); EXPECT_EQ(modeOf(permPath), 0600u);
+  EXPECT_NE(access((permPath + "TMP").c_str(), F_OK), 0);
   main->permMode = 0;
   // A failing file is not installed: the records are dropped, the scratch file kept.
   // Each row writes bob's record with `sets` of R C Y N holding ann: 8 + 7 * sets bytes.
@@ -225,8 +205,7 @@ TEST_F(PermsTest, PutDatsRefusesProtectedFilesAndShrinksBelowEightyPercent) {
     CaptureStderr();
     EXPECT_EQ(putDats(main, permPath.c_str()), r.rc) << r.after;
     EXPECT_EQ(GetCapturedStderr(), r.rc ? "putDats: bad size for dat.perm file\n" : "");
-    EXPECT_EQ(datPermFileSize(), r.after);
-    EXPECT_EQ(main->permCount, r.rc ? 0 : 1);
+    EXPECT_EQ(datPermFileSize(), r.after); EXPECT_EQ(main->permCount, r.rc ? 0 : 1);
     EXPECT_EQ(access((permPath + "TMP").c_str(), F_OK) == 0, r.rc != 0);
     EXPECT_EQ(modeOf(permPath), 0600u);
   }
@@ -242,25 +221,21 @@ TEST_F(PermsTest, PutDatsReportsAScratchFileItCannotWriteAndAnOldFileItCannotUnl
   EXPECT_EQ(GetCapturedStderr(),
             "putDats: cannot write out tmp file\nputDats: cannot unlink old dat perm file\n");
   EXPECT_EQ(slurp(permPath + "TMP"), "\n#O\tann\n#R\tbob\n");  // the records stay on disk
-  EXPECT_EQ(modeOf(permPath), 0600u);
-  chmod(permPath.c_str(), 0755);
+  EXPECT_EQ(modeOf(permPath), 0600u); chmod(permPath.c_str(), 0755);
   EXPECT_EQ(putDats(newDbHandle("db/database", "none", 0), permPath.c_str()), 0);
 }
 
 TEST_F(PermsTest, StoreWritesTheDatabaseFileAndRemembersItsChangeTime) {
   rec(2, {0, 1});
-  EXPECT_EQ(storeDatPerms(main), 0);
-  EXPECT_EQ(slurp(permPath), "\n#O\tcat\n#R\tann,bob\n");
+  EXPECT_EQ(storeDatPerms(main), 0); EXPECT_EQ(slurp(permPath), "\n#O\tcat\n#R\tann,bob\n");
   struct stat st;
   ASSERT_EQ(stat(permPath.c_str(), &st), 0);
   EXPECT_EQ(datPermChangeTime(), static_cast<int32_t>(st.st_ctime));
   chmod(permPath.c_str(), 0400);
   CaptureStderr();
   EXPECT_EQ(storeDatPerms(main), -1);  // the refusal's mark survives the store
-  GetCapturedStderr();
-  EXPECT_EQ(datPermChangeTime(), -1);
-  freeDatEntries(main);
-  chmod(permPath.c_str(), 0600);
+  GetCapturedStderr(); EXPECT_EQ(datPermChangeTime(), -1);
+  freeDatEntries(main), chmod(permPath.c_str(), 0600);
   EXPECT_EQ(readDatPerms(main), 1);
   EXPECT_EQ(members(findDatEntry(main, 2)->readers), "0,1");
 }
@@ -269,10 +244,8 @@ TEST_F(PermsTest, SetFileKeepsBothSpellingsOfItsMessagesAndTheNotifyRule) {
   std::string path = dbDir + "/notify.del";
   CalSet s = setOf({1, 4}), empty = nullptr;
   EXPECT_EQ(putExtBitInfo(path.c_str(), nullptr), 0);  // zero capacity: nothing at all
-  EXPECT_EQ(access(path.c_str(), F_OK), -1);
-  EXPECT_EQ(putExtBitInfo(path.c_str(), s), 0);
-  EXPECT_EQ(slurp(path), "#R\tbob,eve\n");
-  EXPECT_EQ(modeOf(path), 0600u);
+  EXPECT_EQ(access(path.c_str(), F_OK), -1); EXPECT_EQ(putExtBitInfo(path.c_str(), s), 0);
+  EXPECT_EQ(slurp(path), "#R\tbob,eve\n"); EXPECT_EQ(modeOf(path), 0600u);
   allocbits(&empty, 8);
   CaptureStderr();
   EXPECT_EQ(putExtBitInfo(path.c_str(), empty), -1);
@@ -285,18 +258,15 @@ TEST_F(PermsTest, SetFileKeepsBothSpellingsOfItsMessagesAndTheNotifyRule) {
   EXPECT_EQ(GetCapturedStderr(), "putExtBitInfo: tmp file is of zero length\n"
                                  "putExtBitInfo: cannot open tmp file\n"
                                  "putExtBitinfo: cannot unlink " + dir + "\n");
-  EXPECT_EQ(modeOf(dir), 0600u);
-  chmod(dir.c_str(), 0755);
+  EXPECT_EQ(modeOf(dir), 0600u); chmod(dir.c_str(), 0755);
   EXPECT_EQ(slurp(path), "#R\tbob,eve\n");  // the old set stays in force
   // The notify set follows a record's readers while their counts differ by at most 1.
   main->permMode = 0;
   DatEntry *e = rec(0, {0, 1, 2});
   main->notifySet = setOf({3});  // differs by 2: kept
-  EXPECT_EQ(syncNotifySet(main, e, 1), 0);
-  EXPECT_EQ(members(main->notifySet), "3");
+  EXPECT_EQ(syncNotifySet(main, e, 1), 0); EXPECT_EQ(members(main->notifySet), "3");
   setbit(&main->notifySet, 4, 1);
-  EXPECT_EQ(syncNotifySet(main, e, 1), 1);
-  EXPECT_EQ(members(main->notifySet), "0,1,2");
+  EXPECT_EQ(syncNotifySet(main, e, 1), 1); EXPECT_EQ(members(main->notifySet), "0,1,2");
   EXPECT_EQ(slurp(path), "#R\tann,bob,cat\n");
   freebits(&s), freebits(&empty);
 }
@@ -309,8 +279,7 @@ TEST_F(PermsTest, DumpAndSetDatPermWorkOnTheRecordsInOrder) {
   freeDatEntries(main);
   rec(1, {0, 2});
   AddToDat(main, PERM_OWNER_ALL);
-  EXPECT_EQ(SetDatPerm(main, 1, 'C', 3, 1), 0);
-  EXPECT_EQ(SetDatPerm(main, 1, 'R', 2, 0), 0);
+  EXPECT_EQ(SetDatPerm(main, 1, 'C', 3, 1), 0); EXPECT_EQ(SetDatPerm(main, 1, 'R', 2, 0), 0);
   EXPECT_EQ(SetDatPerm(main, PERM_OWNER_ALL, 'Y', 4, 1), 0);
   EXPECT_EQ(SetDatPerm(main, 1, 'Q', 4, 1), -1);
   CaptureStderr();
@@ -350,8 +319,7 @@ TEST_F(PermsTest, AccessFollowsTheOwnersRecordTheAllRecordRefusalsAndWindows) {
     EXPECT_EQ(mayScheduleInto(main, r.who, r.owner), r.sched);
   }
   cat->final.time = static_cast<int32_t>(time(nullptr)) - 50;  // window over
-  EXPECT_EQ(mayReadCalendar(main, 4, 2), 1);  // still through the all record
-  EXPECT_EQ(mayReadCalendar(main, 1, 2), 0);
+  EXPECT_EQ(mayReadCalendar(main, 4, 2), 1); EXPECT_EQ(mayReadCalendar(main, 1, 2), 0);
   Item item{};
   item.owner = 3;
   EXPECT_EQ(mayReadItem(main, 2, &item), 0);
@@ -391,19 +359,15 @@ TEST_F(RemotePermsTest, ServerAttachedRecordsTravelAsFileTextForTheCalendarInVie
   EXPECT_EQ(storeDatPerms(remote), 0);
   EXPECT_EQ(access(permPath.c_str(), F_OK), -1);  // no file is written
   std::vector<CalRequest> sent = calRequests(&server);
-  ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(sent[0].code, 109);
-  EXPECT_EQ(calFieldText(sent[0].fields.at(0)), "bob");
-  EXPECT_EQ(sent[0].fields.at(1).kind, 50);
+  ASSERT_EQ(sent.size(), 1u); EXPECT_EQ(sent[0].code, 109);
+  EXPECT_EQ(calFieldText(sent[0].fields.at(0)), "bob"); EXPECT_EQ(sent[0].fields.at(1).kind, 50);
   std::string data(sent[0].fields[1].payload.begin(), sent[0].fields[1].payload.end());
   EXPECT_EQ(data, "\n#O\tbob\n#R\tann,cat\n\n#O\tbob\n#C\tdan\n");
   calScript(&server, {calReply({calBytes(50, "\n#O\teve\n#Y\tann,bob\n#R\t__ALL__\n")})});
   EXPECT_EQ(readDatPerms(remote), 1);
   sent = calRequests(&server);
-  EXPECT_EQ(sent.back().code, 106);
-  EXPECT_EQ(calFieldNumber(sent.back().fields.at(0)), 0);
-  EXPECT_EQ(calFieldText(sent.back().fields.at(1)), "bob");
-  EXPECT_EQ(remote->perms[0].owner, 4);
+  EXPECT_EQ(sent.back().code, 106); EXPECT_EQ(calFieldNumber(sent.back().fields.at(0)), 0);
+  EXPECT_EQ(calFieldText(sent.back().fields.at(1)), "bob"); EXPECT_EQ(remote->perms[0].owner, 4);
   EXPECT_EQ(members(remote->perms[0].agents), "0,1");
   EXPECT_EQ(members(remote->perms[0].readers), "0,1,2,3,4");
   calScript(&server, {calAction(CAL_CLOSE), calAction(CAL_CLOSE), calAction(CAL_CLOSE)});
