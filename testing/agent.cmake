@@ -11,3 +11,12 @@ target_link_libraries(qv_testing PUBLIC Threads::Threads)
 
 add_executable(sample_agent ${CMAKE_CURRENT_SOURCE_DIR}/sample_agent.cpp)
 target_link_libraries(sample_agent PRIVATE qv_testing)
+
+# The calendar mode: views of a calendar database read through the core.
+target_sources(qv_testing PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/calendar_query.cpp
+                                  ${CMAKE_CURRENT_SOURCE_DIR}/calendar_view.cpp
+                                  ${CMAKE_CURRENT_SOURCE_DIR}/calendar_page.cpp)
+target_link_libraries(qv_testing PUBLIC qv_print qv_holiday qv_people)
+
+# sample_calendar ROOT YEAR MONTH [BULK]: the demo's small calendar database.
+add_executable(sample_calendar ${CMAKE_CURRENT_SOURCE_DIR}/sample_calendar.cpp)
