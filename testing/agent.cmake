@@ -20,3 +20,5 @@ target_link_libraries(qv_testing PUBLIC qv_print qv_holiday qv_people)
 
 # sample_calendar ROOT YEAR MONTH [BULK]: the demo's small calendar database.
 add_executable(sample_calendar ${CMAKE_CURRENT_SOURCE_DIR}/sample_calendar.cpp)
+
+qv_test(qv_calendar_view_test SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/calendar_view_test.cpp LIBS qv_testing)

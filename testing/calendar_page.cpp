@@ -240,7 +240,7 @@ std::string monthOverview(const std::string &title, const std::vector<ViewDay> &
     long n = dayNumber(d.year, d.month, d.day);
     bool marked = shown.period != CalendarPeriod::Month && n >= first && n < first + span;
     svg += "<g><title>" + htmlEscape(std::to_string(d.day) + (d.holiday.empty() ? "" : ": " + d.holiday) + ", " +
-                                     std::to_string(d.items.size()) + " items") + "</title>";
+                                     std::to_string(d.items.size()) + (d.items.size() == 1 ? " item" : " items")) + "</title>";
     svg += "<rect x=\"" + std::to_string(x) + "\" y=\"" + std::to_string(y) + "\" width=\"30\" height=\"26\" fill=\"" +
            (d.holiday.empty() ? "#f1f4f9" : "#f8caca") + "\"" + (marked ? " stroke=\"#d07a00\" stroke-width=\"2\"" : "") + "/>";
     svg += "<text x=\"" + std::to_string(x + 3) + "\" y=\"" + std::to_string(y + 11) + "\" font-size=\"9\" fill=\"#222\">" +

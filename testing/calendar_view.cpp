@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "core/base/base.h"
 #include "core/catalog/catalog.h"
@@ -74,22 +75,26 @@ static ListedItem itemOf(char kind, const std::string &rest) {
 ParsedListing parseListing(const std::string &text) {
   ParsedListing parsed;
   char section = 'e';
+  bool afterBlank = true;  // a period's heading follows an empty line; items never do
   for (size_t at = 0; at < text.size();) {
     size_t end = text.find('\n', at);
     if (end == std::string::npos) end = text.size();
     std::string line = text.substr(at, end - at), rest;
     at = end + 1;
+    bool headingPlace = std::exchange(afterBlank, line.empty());
     int month, day;
     size_t after;
+    if (headingPlace && line.starts_with("\t\t#")) {
+      if (parsed.heading.empty()) parsed.heading = line.substr(3);
+      continue;
+    }
     if (dayLabel(line, &month, &day, &after)) {
       parsed.days.push_back({month, day, {}});
       section = 'e';
       rest = line.substr(after);
       if (rest.empty()) continue;  // a day that opens with its to-dos or reminders
     } else if (parsed.days.empty()) {
-      size_t mark = line.find('#');  // the heading, "\t\t#For ..."
-      if (mark != std::string::npos && parsed.heading.empty()) parsed.heading = line.substr(mark + 1);
-      continue;
+      continue;  // nothing of a day before its label
     } else if (line.starts_with("ToDos:\t")) {
       section = 't', rest = line.substr(7);
     } else if (line.starts_with("Reminders:")) {
