@@ -11,7 +11,7 @@ have_pkg() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok
 # fcgiwrap); chromium for the page screenshots; pkgconf for the installed-package check.
 for p in cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev \
          libbenchmark-dev lighttpd libprotobuf-dev protobuf-compiler hyperfine curl pkgconf \
-         apache2 nginx-light fcgiwrap chromium; do
+         apache2 nginx-light fcgiwrap chromium exim4-daemon-light; do
   have_pkg "$p" || need+=("$p")
 done
 
@@ -21,7 +21,16 @@ if ((${#need[@]})); then
   [ "$(id -u)" = 0 ] || SUDO="sudo"
   export DEBIAN_FRONTEND=noninteractive
   $SUDO apt-get update -q || true
-  $SUDO apt-get install -y -q "${need[@]}"
+  # exim4 (the mail tests' sendmail program and loopback SMTP server) would start a
+  # system daemon on port 25 from its maintainer scripts; a policy-rc.d answering 101
+  # forbids any service start while installing (and spares machines without init).
+  policy=/usr/sbin/policy-rc.d madepolicy=""
+  if [ ! -e "$policy" ]; then
+    printf '#!/bin/sh\nexit 101\n' | $SUDO tee "$policy" >/dev/null
+    $SUDO chmod 0755 "$policy"; madepolicy=1
+  fi
+  $SUDO apt-get install -y -q "${need[@]}" || { [ -z "$madepolicy" ] || $SUDO rm -f "$policy"; exit 1; }
+  [ -z "$madepolicy" ] || $SUDO rm -f "$policy"
   # The web servers' packages may start system-wide servers on port 80; the tests and
   # the demo start their own on loopback, so stop what this install started.
   for s in lighttpd apache2 nginx fcgiwrap; do
@@ -30,5 +39,9 @@ if ((${#need[@]})); then
     esac
   done
   echo "setup: done"
+fi
+# The mail tests start their own exim on a loopback port; no system MTA may hold port 25.
+if [ -s /run/exim4/exim.pid ]; then
+  ${SUDO:-} service exim4 stop >/dev/null 2>&1 || true
 fi
 exit 0

@@ -106,6 +106,8 @@ DbHandle *findDbByName(const char *name) {
   return nullptr;
 }
 
+std::vector<DbHandle *> openDatabases() { return openDbs; }
+
 void resetDbContexts() {
   std::vector<DbHandle *> all;
   all.swap(openDbs);

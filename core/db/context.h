@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace quorvel {
 
@@ -130,6 +131,8 @@ DbHandle *restoreCurrentDb();
 
 // The open database whose name equals `name`, or null.
 DbHandle *findDbByName(const char *name);
+// Every open database, in order of making (a copy: the caller may free handles).
+std::vector<DbHandle *> openDatabases();
 
 // Forgets every slot and frees every handle still open (tests).
 void resetDbContexts();

@@ -225,16 +225,21 @@ static int createFirstName(char *tmpl, char *slot, std::string &firstName) {
   return 0;
 }
 
-// Step 2: rename the "T" file to a fresh "a" name, trying again while the name is taken.
-static int renameToFinalName(char *tmpl, char *slot, const std::string &firstName) {
+// Step 2: give the "T" file a fresh "a" name, trying again while the name is taken.
+// rename would replace a file that already has the name (it never reports EEXIST), so
+// the new name is made as a hard link, which refuses a taken name, and the "T" name is
+// removed once the link holds.
+static int linkToFinalName(char *tmpl, char *slot, const std::string &firstName) {
   int r = -1;
   for (int tries = 0; tries < 50; tries++) {
     fillPlaceholder(slot, 'a');
     normalisePath(tmpl);
-    r = retryRename(firstName.c_str(), tmpl);
+    r = retryLink(firstName.c_str(), tmpl);
     if (r == 0 || errno != EEXIST) break;
   }
-  return r == 0 ? 0 : errno > 0 ? -errno : -1;
+  if (r != 0) return errno > 0 ? -errno : -1;
+  retryUnlink(firstName.c_str());
+  return 0;
 }
 
 int makeScratchFile(char *tmpl) {
@@ -245,7 +250,7 @@ int makeScratchFile(char *tmpl) {
   std::string firstName;
   enterCritical();
   int r = createFirstName(tmpl, slot, firstName);
-  if (r == 0) r = renameToFinalName(tmpl, slot, firstName);
+  if (r == 0) r = linkToFinalName(tmpl, slot, firstName);
   if (r == 0) retryChmod(tmpl, 0600);
   return r;
 }

@@ -123,11 +123,12 @@ int32_t observedFileTime();
 char *normalisePath(char *path);
 
 // tmpl is a full path ending in "XXXXXX". Creates a unique file with mode 0400 under a
-// "T" name, renames it to an "a" name (so "/d/abcXXXXXX" becomes "/d/abca" + 5 digits),
-// makes it mode 0600 and leaves the final name in tmpl. Creation tries 50 names while
-// it meets EACCES, the rename 50 names while it meets EEXIST. Returns 0, -1 for a
-// template without the placeholder (nothing touched), or -errno of the failing step (a
-// failed rename leaves the read-only "T" file where it is).
+// "T" name, moves it to an "a" name (so "/d/abcXXXXXX" becomes "/d/abca" + 5 digits),
+// makes it mode 0600 and leaves the final name in tmpl. The move is a hard link and the
+// removal of the "T" name, so an "a" name some other file holds is never replaced.
+// Creation tries 50 names while it meets EACCES, the move 50 names while it meets
+// EEXIST. Returns 0, -1 for a template without the placeholder (nothing touched), or
+// -errno of the failing step (a failed move leaves the read-only "T" file in place).
 int makeScratchFile(char *tmpl);
 
 /* ---- Catalogue texts and tests ------------------------------------------------------- */

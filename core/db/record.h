@@ -17,6 +17,11 @@
 // A list (and so a record file) starts with a header: an empty line, then O, J, B, F
 // and the W R C Y N X sets of the list; the header's fields live in the list's head Item.
 // Texts are cut in place at their first line end, and before a trailing backslash.
+// A "G" line (a free text some older writers put between the popup and the alarm lines)
+// is read past and not written again: the item record has no field to hold it, the
+// server wire carries no such text (its G is a number), so the text could not survive
+// a trip through the server anyway, and nothing in this core reads it. Every other line
+// of the item around it is kept.
 // Results: 0 success, -1 when a write failed or a line cannot be parsed.
 #pragma once
 
@@ -26,6 +31,8 @@
 #include "core/items/item.h"
 
 namespace quorvel {
+
+struct DbHandle;
 
 // A printf-like line writer: writes the formatted text to sink, returns a negative
 // number when the write failed (as fprintf does).
@@ -98,10 +105,17 @@ void startLineScan(LineScan *scan, char *text, size_t len);
 // skipped.
 int nextRecordLine(LineScan *scan, RecordLine *line);
 
+// Makes the open database named dbName current; returns the previous current database,
+// or null (nothing changed) when dbName is empty or names no open database.
+DbHandle *enterItemDb(const char *dbName);
+
 // Reads the list header into head (evlistInit'ed): skips leading empty lines, takes
-// O J B F W R C Y N X lines up to the first kind line (left unread). 0 or -1.
+// O J B F W R C Y N X lines up to the first kind line (left unread). The O line and the
+// sets are read with the list's database (its J line) current. 0 or -1.
 int parseListHeader(LineScan *scan, Item *head);
 // Reads the next item up to its empty line, filling omitted qualifiers from defaults.
+// After a J or j line naming an open database, that database is current for the rest
+// of the item (as it was while the item was written) and the previous one afterwards.
 // Returns a new item, or null at the end of the text. Unknown tags and the G line are
 // skipped; a malformed value leaves the field at its initial value.
 Item *parseItem(LineScan *scan, const DateTime *defaults);

@@ -78,13 +78,14 @@ RecordFile *openRecordFile(DbHandle *db, const char *path) {
   return rf;
 }
 
-// tmprelink moves the old file aside first and fails when there is none, so a file
-// that does not exist yet (and has no saved copy) is created empty before its first
-// write.
+// tmprelink moves the old file aside first and fails when there is none. A file left
+// only as "sav" by a writer that died between its renames is linked back (the cached
+// contents were read before that writer died, so "sav" is what they replace); a file
+// that does not exist yet is created empty before its first write.
 static void ensureTarget(const RecordFile *rf) {
+  restoreSavedCopy(rf->path);
   struct stat st;
   if (retryStat(rf->path.c_str(), &st) == 0 || errno != ENOENT) return;
-  if (retryStat((rf->path + "sav").c_str(), &st) == 0) return;
   if (FILE *fp = Fopen(rf->path.c_str(), "a")) Fclose(fp);
 }
 
@@ -118,6 +119,21 @@ int writeDirtyFiles(DbHandle *db) {
     if (mainDb() != nullptr) restoreCurrentDb();
     else setCurrentDb(previous);
   }
+  return rc;
+}
+
+int writeAndDropEveryCache() {
+  std::vector<DbHandle *> all = openDatabases();
+  DbHandle *previous = currentDb();
+  int rc = 0;
+  for (DbHandle *db : all) {
+    if (db->records == nullptr) continue;
+    if (mainDb() != nullptr) setCurrentDb(mainDb());
+    int r = writeDirtyFiles(db);
+    if (r != 0 && rc == 0) rc = r;
+  }
+  for (DbHandle *db : all) dropFileCache(db);
+  setCurrentDb(previous);
   return rc;
 }
 

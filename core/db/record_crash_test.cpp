@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <random>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,14 +27,16 @@ struct RecordCrash : RecordTest {
     return generations[size_t(g)];
   }
   // Runs the child towards the next generation; its wait status. crashStep > 0 makes it
-  // kill itself before that step; killAfterUs >= 0 kills it from here after that long.
-  int runChild(long crashStep, long killAfterUs) {
+  // kill itself before that step, crashBefore before renaming a file with that suffix;
+  // killAfterUs >= 0 kills it from here after that long.
+  int runChild(long crashStep, long killAfterUs, const char *crashBefore = nullptr) {
     int fds[2], status = 0; ssize_t n;
     if (pipe(fds) != 0) return -1;
     pid_t pid = fork();
     if (pid == 0) {
       dup2(fds[1], 1), close(fds[0]), close(fds[1]);
       if (crashStep > 0) setenv("QV_CRASH_STEP", std::to_string(crashStep).c_str(), 1);
+      if (crashBefore != nullptr) setenv("QV_CRASH_BEFORE", crashBefore, 1);
       std::string gen = std::to_string(current + 1), items = std::to_string(ITEMS);
       execl(CRASH_CHILD, CRASH_CHILD, path.c_str(), gen.c_str(), items.c_str(), (char *)nullptr); _exit(127);
     }
@@ -73,6 +76,24 @@ TEST_F(RecordCrash, KillAtEveryStepLeavesOldOrNewContents) {
   }
   EXPECT_GE(killed, 10);
   EXPECT_TRUE(sawOnlySaved);  // the kill between the two renames was among them
+}
+
+// Killed between its two renames, a writer leaves the file only as "sav" (and its new
+// contents in "TMP"). Another process that had read the file before keeps it cached and
+// writes it next, without reading it again: the old items must survive that write.
+TEST_F(RecordCrash, KillBetweenTheRenamesLeavesOnlySavAndACachedWriterKeepsItsItems) {
+  ASSERT_EQ(mkdir(dir.at("locks").c_str(), 0700), 0);
+  DbHandle *db = newDbHandle(dir.path.c_str(), "home", DB_KIND_LOCAL);
+  db->standalone = true, setMainDb(db), setCurrentDb(db);
+  RecordFile *cached = openRecordFile(db, path.c_str()); ASSERT_NE(cached, nullptr);
+  ASSERT_EQ(cached->count, ITEMS);
+  int status = runChild(0, -1, "TMP");
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+  ASSERT_FALSE(exists(path)); EXPECT_EQ(readFile(path + "sav"), text(0)); EXPECT_EQ(readFile(path + "TMP"), text(1));
+  setCrashGeneration(cached, 2, ITEMS);
+  ASSERT_EQ(writeDirtyFiles(db), 0); EXPECT_EQ(readFile(path), text(2));
+  EXPECT_FALSE(exists(path + "sav") || exists(path + "TMP"));
+  current = 2, expectOldOrNew("after the cached write");  // and it reads back whole
 }
 
 TEST_F(RecordCrash, KillAtRandomMomentsLeavesOldOrNewContents) {

@@ -6,7 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <vector>
+
 #include "core/base/base.h"
+#include "core/db/context.h"
 #include "core/db/record.h"
 #include "core/net/namelookup.h"
 
@@ -155,8 +158,17 @@ static CalSet *headerSet(Item *head, char tag) {
   }
 }
 
+DbHandle *enterItemDb(const char *dbName) {
+  DbHandle *own = dbName != nullptr && *dbName != '\0' ? findDbByName(dbName) : nullptr;
+  return own != nullptr ? setCurrentDb(own) : nullptr;
+}
+
+// The header's names (the O line and the sets) are resolved once the whole header is
+// read: the writer writes them all with the list's database current, the O line
+// included, although it comes before the J line that names that database.
 int parseListHeader(LineScan *scan, Item *head) {
   RecordLine line;
+  std::vector<RecordLine> named;
   head->owner = -1;
   head->timeValue = initTimeRange();
   while (nextRecordLine(scan, &line)) {
@@ -164,18 +176,22 @@ int parseListHeader(LineScan *scan, Item *head) {
       holdLine(scan, line);
       break;
     }
-    if (line.tag == 'O') {
-      head->owner = ownerValue(line.value);
+    if (line.tag == 'O' || headerSet(head, line.tag) != nullptr) {
+      named.push_back(line);
     } else if (line.tag == 'J') {
       freeMem(head->dbName);
       head->dbName = copyValue(line.value);
     } else if (line.tag == 'B' || line.tag == 'F') {
       DateTime *dt = line.tag == 'B' ? &head->timeValue.start : &head->timeValue.end;
       if (parseDateTime(line.value, dt, nullptr) != 0) return -1;
-    } else if (CalSet *set = headerSet(head, line.tag)) {
-      parseNameSet(line.value, set);
     }
   }
+  DbHandle *previous = enterItemDb(head->dbName);
+  for (const RecordLine &l : named) {
+    if (l.tag == 'O') head->owner = ownerValue(l.value);
+    else parseNameSet(l.value, headerSet(head, l.tag));
+  }
+  if (previous != nullptr) setCurrentDb(previous);
   return 0;
 }
 
@@ -193,6 +209,7 @@ void freeListHead(Item *head) {
 // The entries that later lines (S r after P, E V after A, Q after Z) belong to.
 struct ParseState {
   const DateTime *defaults;
+  DbHandle *previous = nullptr;  // current database before a J line switched it, or null
   Popup *popup = nullptr;
   Alarm *alarm = nullptr;
   UserTime *userTime = nullptr;
@@ -303,8 +320,12 @@ static void parseItemLine(Item *item, const RecordLine &line, ParseState *st) {
     DateTime *dt = line.tag == 'B' ? &item->timeValue.start : &item->timeValue.end;
     if (parseDateTime(line.value, dt, st->defaults) != 0) *dt = initDateTime();
   } else if (line.tag == 'J' || line.tag == 'j') {
+    // The writer makes the named database current for the rest of the item, so the
+    // names on the following lines are looked up in that database's table.
     evsetDbName(item, line.value);
     item->dbFlag = line.tag == 'j';
+    DbHandle *was = enterItemDb(item->dbName);
+    if (st->previous == nullptr) st->previous = was;
   } else if (CalSet *set = itemSet(item, line.tag)) {
     parseNameSet(line.value, set);
   } else if (int32_t *number = itemNumber(item, line.tag)) {
@@ -342,6 +363,7 @@ Item *parseItem(LineScan *scan, const DateTime *defaults) {
     }
     parseItemLine(item, line, &st);
   } while (nextRecordLine(scan, &line) && line.tag != 0);
+  if (st.previous != nullptr) setCurrentDb(st.previous);
   return item;
 }
 

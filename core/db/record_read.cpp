@@ -17,19 +17,6 @@
 
 namespace quorvel {
 
-// A crash between tmprelink's two renames leaves the file missing and its contents in
-// "sav". Read as empty, the calendar would later be rewritten without its items, so the
-// copy is linked back under the file's name. A link, not a rename: a writer between
-// its own two renames keeps its "sav", and its rename of "TMP" replaces the link.
-static void restoreSaved(const std::string &path) {
-  struct stat st;
-  if (retryStat(path.c_str(), &st) == 0 || errno != ENOENT) return;
-  std::string sav = path + "sav";
-  if (retryStat(sav.c_str(), &st) != 0) return;
-  if (link(sav.c_str(), path.c_str()) != 0 && recordDebug() > 0)
-    logMsg("cannot restore %s from its saved copy (errno=%d)", path.c_str(), errno);
-}
-
 // The whole file in an area of its own, with one spare byte for the line scanner. The
 // area is mapped directly rather than taken from the heap: a file of many megabytes
 // would otherwise raise the allocator's mapping threshold and make every later large
@@ -102,9 +89,11 @@ static void freshId(Item *item) {
   while (item->randomId < 0 || item->randomId > INT32_MAX - 5000) item->randomId = int32_t(lrand48());
 }
 
-static void readItems(RecordFile *rf, LineScan *scan) {
+// The items after the header; returns the number of list members kept.
+static int readItems(RecordFile *rf, LineScan *scan) {
   const DateTime *defaults = listDefaults(&rf->list);
   Item *prev = nullptr;
+  int count = 0;
   while (Item *item = parseItem(scan, defaults)) {
     if (prev != nullptr && isCopyOf(item, prev)) {
       keepCopy(rf, prev, item);
@@ -120,11 +109,13 @@ static void readItems(RecordFile *rf, LineScan *scan) {
     }
     evlistAppend(&rf->list, item);
     rf->index.push_back(item);
-    rf->count++;
+    count++;
   }
+  return count;
 }
 
-// Header and items from an open stream; the file's size and time are taken as read.
+// Header and items from an open stream. Only a read that got through takes the file's
+// size, count and time: they are what the next write's shrink check expects.
 static void readStream(RecordFile *rf, FILE *fp) {
   FileText text;
   if (!readAll(fp, &text)) return;
@@ -132,10 +123,23 @@ static void readStream(RecordFile *rf, FILE *fp) {
   startLineScan(&scan, text.data, text.len);
   if (parseListHeader(&scan, &rf->list) != 0) return;
   rf->index.reserve(text.len / 128);
-  readItems(rf, &scan);
+  DbHandle *previous = enterItemDb(rf->list.dbName);  // as the list was written
+  rf->count = readItems(rf, &scan);
+  if (previous != nullptr) setCurrentDb(previous);
   struct stat st;
   rf->size = long(text.len);
   rf->mtime = retryFstat(fileno(fp), &st) == 0 ? int32_t(st.st_mtime) : NO_TIME;
+}
+
+// A file that cannot be opened counts as empty. Its expected size and count are kept
+// all the same unless it is really missing: after a passing failure (EMFILE, EACCES,
+// ESTALE) the next write of the emptied list would otherwise pass the shrink check and
+// replace the whole file. The results and messages of the read are unchanged.
+static FILE *openForReading(RecordFile *rf) {
+  errno = 0;
+  FILE *fp = Fopen(rf->path.c_str(), "r");
+  if (fp == nullptr && errno == ENOENT) rf->size = 0, rf->count = 0;
+  return fp;
 }
 
 void readRecordFile(DbHandle *db, RecordFile *rf) {
@@ -153,12 +157,10 @@ void readRecordFile(DbHandle *db, RecordFile *rf) {
   rf->dirty = false;
   rf->loaded = true;  // a file that cannot be opened counts as empty
   rf->mtime = NO_TIME;
-  rf->size = 0;
   if (recordDebug() > 0) logMsg("opening %s at %s\n", rf->path.c_str(), recordTimeText());
-  restoreSaved(rf->path);
-  FILE *fp = Fopen(rf->path.c_str(), "r");
+  restoreSavedCopy(rf->path);
+  FILE *fp = openForReading(rf);
   if (fp == nullptr) return;
-  rf->count = 0;
   readStream(rf, fp);
   Fclose(fp);
 }

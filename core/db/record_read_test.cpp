@@ -1,7 +1,9 @@
 // Tests of reading record files: the byte-identical round trip, the lines a reader must
 // accept, copies chained and duplicates dropped, invalid items, fresh ids, and the saved
 // copy put back after an interrupted rewrite.
+#include <algorithm>
 #include <climits>
+#include <map>
 
 #include "core/db/record.h"
 #include "core/db/record_test_util.h"
@@ -54,6 +56,11 @@ TEST_F(RecordRead, AcceptsEveryFormOfLineAWriterOrEditorLeaves) {
       // malformed item time is the initial value; decimal numbers in other forms.
       {head + "#T\ta\n#W\tann\n#B\tjunk\n#I\t3\n#H\t0x1f\n#D\tb\n#W\tbob\n#I\t4\n#f\t99999999999\n\n",
        head + "#T\ta\n" + noTimes + "#W\tann\n#I\t3\n#H\t31\n\n#D\tb\n" + noTimes + "#W\tbob\n#I\t4\n#f\t2147483647\n\n"},
+      // A G line at its place between the popup and the alarm lines is dropped; the
+      // popup's sets before it and the alarm lines after it stay with the item.
+      {head + "#T\tg\n" + noTimes + "#W\tann\n#P\tnote 0x1\n#S\tbob\n#r\tcarl\n#G\tolder text, kept by no one\n"
+              "#A\t15,5\n#E\tsoon\n#V\tdora\n#I\t5\n\n",
+       head + "#T\tg\n" + noTimes + "#W\tann\n#P\tnote 0x1\n#S\tbob\n#r\tcarl\n#A\t15,5\n#E\tsoon\n#V\tdora\n#I\t5\n\n"},
   };
   for (const Row &r : rows) {
     writeFile(dir.at("in"), r.in); std::string out;
@@ -82,6 +89,36 @@ TEST_F(RecordRead, CopiesChainDuplicatesAndInvalidItemsDrop) {
   EXPECT_TRUE(testbit(first->chain->calendars, 1)); EXPECT_EQ(chainLength(first->next), 0);
   EXPECT_EQ(std::string(first->next->dbName) + first->next->next->dbName + first->next->next->next->dbName, "foursixfive");
   EXPECT_EQ(recordItemsWithId(rf, 7).size(), 4u);
+}
+
+// Names on the lines after a J line (of an item, or of the list header, whose O line
+// comes before it) are those of the named database, as the writer wrote them; the
+// current database is the same again after the read. Each file is also written back.
+TEST_F(RecordRead, NamesAfterAJLineAreThoseOfTheNamedDatabase) {
+  static std::map<std::string, std::vector<std::string>> tables;
+  tables = {{"main", {"ann", "bea"}}, {"other", {"xena", "yves", "zoe"}}};
+  static auto names = [] { return &tables[currentDb() != nullptr ? currentDb()->name : ""]; };
+  static const NameLookup perDb{nullptr, [](void *) { return int(names()->size()); },
+      [](void *, int i) { return i >= 0 && size_t(i) < names()->size() ? (*names())[size_t(i)].c_str() : nullptr; },
+      [](void *, const char *n) { auto &t = *names(); long at = std::find(t.begin(), t.end(), n) - t.begin();
+                                  return at < long(t.size()) ? int(at) : -1; }};
+  DbHandle *home = newDbHandle(dir.path.c_str(), "main", DB_KIND_LOCAL);
+  newDbHandle(dir.at("o").c_str(), "other", DB_KIND_LOCAL), setMainDb(home), setCurrentDb(home), setNameLookup(&perDb);
+  const std::string noTimes = "#B\t0x80000000 @0x0 %0x0\n#F\t0x80000000 @0x0 %0x0\n";
+  const std::string items = "#T\tMeet\n" + noTimes + "#W\tann\n#I\t7\n\n#T\tMeet\n" + noTimes +
+      "#J\tother\n#W\tyves\n#I\t7\n\n#T\tOwn\n" + noTimes + "#j\tother\n#W\txena,yves\n#O\tyves\n#I\t8\n\n";
+  writeFile(path, "\n" + items);
+  ASSERT_EQ(reread(path)->count, 2); Item *meet = rf->list.next, *own = meet->next;
+  ASSERT_EQ(chainLength(meet), 1); EXPECT_TRUE(testbit(meet->calendars, 0));
+  EXPECT_EQ(setMembers(meet->chain->calendars), 1); EXPECT_TRUE(testbit(meet->chain->calendars, 1));
+  EXPECT_EQ(setMembers(own->calendars), 2); EXPECT_EQ(own->owner, 1); EXPECT_EQ(currentDb(), home);
+  std::string out;
+  EXPECT_EQ(writeList(&out, &rf->list), 0); EXPECT_EQ(out, "\n" + items);
+  const std::string listed = "\n#O\txena\n#J\tother\n#W\tyves\n#T\tz\n" + noTimes + "#W\txena\n#O\tyves\n#I\t3\n\n";
+  writeFile(path, listed), reread(path);
+  EXPECT_EQ(rf->list.owner, 0); EXPECT_TRUE(testbit(rf->list.calendars, 1)); EXPECT_EQ(rf->count, 1);
+  EXPECT_EQ(currentDb(), home); out.clear();
+  EXPECT_EQ(writeList(&out, &rf->list), 0); EXPECT_EQ(out, listed);
 }
 
 TEST_F(RecordRead, MissingAndUnsafeIdsAreDrawnAfresh) {

@@ -82,6 +82,22 @@ std::vector<Item *> recordItemsWithId(const RecordFile *rf, int32_t id) {
   return found;
 }
 
+/* ==== The saved copy ================================================================ */
+
+// A crash between tmprelink's two renames leaves the file missing and its contents in
+// "sav". Read as empty, the calendar would later be rewritten without its items, and a
+// rewrite would remove "sav" and then fail to move the missing file aside; so the copy
+// is linked back under the file's name. A link, not a rename: a writer between its own
+// two renames keeps its "sav", and its rename of "TMP" replaces the link.
+void restoreSavedCopy(const std::string &path) {
+  struct stat st;
+  if (retryStat(path.c_str(), &st) == 0 || errno != ENOENT) return;
+  std::string sav = path + "sav";
+  if (retryStat(sav.c_str(), &st) != 0) return;
+  if (retryLink(sav.c_str(), path.c_str()) != 0 && recordDebug() > 0)
+    logMsg("cannot restore %s from its saved copy (errno=%d)", path.c_str(), errno);
+}
+
 /* ==== Durability =================================================================== */
 
 // Pushes the stream's data to the disk before the file is published by a rename.
@@ -211,6 +227,9 @@ int tmprelink(RecordFile *rf) {
   const char *path = rf->path.c_str();
   std::string tmp = rf->path + "TMP", sav = rf->path + "sav";
   struct stat st;
+  // A "sav" without the file is the only copy of the old contents (its writer died
+  // between the renames): it goes back in place before the stale-copy removal below.
+  restoreSavedCopy(rf->path);
   if (retryStat(sav.c_str(), &st) == 0) retryUnlink(sav.c_str());
   int rc = retryRename(path, sav.c_str());
   // The wrapper gives -1 for every failure, a missing file included: only 0 moves on,

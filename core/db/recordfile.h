@@ -5,9 +5,11 @@
 // writedbfile writes path + "TMP" (flushed and synced), checks that the write did not
 // lose data, and tmprelink moves the old file to path + "sav", renames "TMP" into place,
 // syncs the directory and removes "sav". A write that shrank both in bytes and in
-// records below 90% of the last known file is refused and kept as path + "BAD". A crash
-// between tmprelink's two renames leaves only "sav"; the reader puts it back under the
-// file's name (a hard link, so that a writer in mid-rewrite is not disturbed).
+// records below 90% of the last known file is refused and kept as path + "BAD"; the
+// sizes it is judged against change only with a read that got through or a write. A
+// crash between tmprelink's two renames leaves only "sav"; the reader, the cache's write
+// and tmprelink itself put it back under the file's name first (a hard link, so that a
+// writer in mid-rewrite is not disturbed), so the old contents are never removed.
 //
 // A database's loaded files live in its cache (DbHandle::records); a file is read on
 // first use and again when its modification time or the database's change stamp shows
@@ -60,8 +62,13 @@ std::vector<Item *> recordItemsWithId(const RecordFile *rf, int32_t id);
 
 /* ---- Reading -------------------------------------------------------------------- */
 
+// When path is missing and path + "sav" exists (a rewrite died between its renames),
+// links "sav" back under path. Reads, writes and tmprelink all call it first.
+void restoreSavedCopy(const std::string &path);
+
 // Replaces rf's items by the file's contents. A missing file with a "sav" copy is put
-// back first; a file that cannot be opened counts as empty. Copies of the previous
+// back first; a file that cannot be opened counts as empty, but keeps the size and
+// count last read or written (the shrink check's expectations) unless it is missing. Copies of the previous
 // item from other databases are chained to it, duplicates dropped, items without
 // calendars dropped, and missing or unsafe I values replaced by fresh random ones.
 // Without user state in the current database, drops db's cache (rf with it) instead.
@@ -90,6 +97,11 @@ RecordFile *recordFileOf(DbHandle *db, const Item *item);
 int writeDirtyFiles(DbHandle *db);
 // Frees db's cache (installed as db->dropRecords).
 void dropRecordCache(DbHandle *db);
+// For a calendar-name table about to give names other indexes: writes the dirty files
+// of every open database (the old names still in force, the main database current as
+// when the files were read), then drops every cache, so that files are read again with
+// the new indexes. Returns 0 or the first error; the caches go in either case.
+int writeAndDropEveryCache();
 int cachedFileCount(const DbHandle *db);
 
 /* ---- Reports and the debug switch ------------------------------------------------ */

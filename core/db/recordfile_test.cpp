@@ -50,6 +50,24 @@ TEST_F(RecordRewrite, ShrinkCheckRefusesOnlyWhenBothMeasuresFellBelowNinetyPerce
   }
 }
 
+// The sizes the check expects are those of the last good read or write: a re-read that
+// cannot open the file (a loop of symbolic links stands in for EMFILE, EACCES or
+// ESTALE) keeps them, and only a file that is really gone reads as empty.
+TEST_F(RecordRewrite, ReReadThatCannotOpenTheFileKeepsTheExpectedSizes) {
+  writeFile(path, ""), fill(20, 40); ASSERT_EQ(writedbfile(rf), 0); ASSERT_EQ(tmprelink(rf), 0);
+  const std::string twenty = readFile(path), aside = dir.at("aside");
+  ASSERT_EQ(reread(path)->count, 20);
+  ASSERT_EQ(rename(path.c_str(), aside.c_str()), 0); ASSERT_EQ(symlink(path.c_str(), path.c_str()), 0);
+  readRecordFile(nullptr, rf);
+  unlink(path.c_str()), rename(aside.c_str(), path.c_str());
+  EXPECT_TRUE(evlistEmpty(&rf->list)); EXPECT_EQ(rf->size, long(twenty.size())); EXPECT_EQ(rf->count, 20);
+  fill(1, 40);
+  EXPECT_EQ(stderrOf([&] { EXPECT_EQ(writedbfile(rf), -EIO); }).substr(0, 37), "writedbfile fail: incomplete write - ");
+  EXPECT_EQ(readFile(path), twenty);
+  unlink(path.c_str()), readRecordFile(nullptr, rf);
+  EXPECT_EQ(rf->size, 0); EXPECT_EQ(rf->count, 0); fill(1, 40); EXPECT_EQ(writedbfile(rf), 0);
+}
+
 TEST_F(RecordRewrite, WriteFailuresReportDiscardAndRemoveTheScratchFile) {
   struct Row { int (*make)(const char *); const char *log; int rc; } rows[] = {
       {[](const char *p) { return mkdir(p, 0700); }, "quorvel: database write open failed:errno=21\n", EISDIR},
@@ -106,6 +124,20 @@ TEST_F(RecordCache, DirtyFilesAreWrittenAndTheStampMoves) {
   EXPECT_EQ(db->lastSeenStamp, db->ownWriteStamp); EXPECT_EQ(currentDb(), db);
   EXPECT_EQ(openRecordFile(db, path.c_str()), f);  // our own write drops nothing
   EXPECT_EQ(openRecordFile(db, dir.at("clean").c_str()), clean);
+}
+
+// A writer that died between its two renames left the file only as "sav" (and its new
+// contents in "TMP"): the next write of the cached file puts "sav" back first and keeps
+// every item; tmprelink called on its own does the same.
+TEST_F(RecordCache, WriteAfterAWriterDiedBetweenItsRenamesKeepsTheSavedItems) {
+  const std::string one = "\n#T\tone\n#B\t0x80000000 @0x0 %0x0\n#F\t0x80000000 @0x0 %0x0\n#W\tann\n#I\t1\n\n", sav = path + "sav", tmp = path + "TMP";
+  writeFile(path, one); RecordFile *f = openRecordFile(db, path.c_str()); ASSERT_NE(f, nullptr);
+  for (int round = 0; round < 2; round++) {
+    ASSERT_EQ(rename(path.c_str(), sav.c_str()), 0); writeFile(tmp, "half of another writer's file");
+    f->dirty = true;
+    ASSERT_EQ(round == 0 ? writeDirtyFiles(db) : writedbfile(f) != 0 ? -1 : tmprelink(f), 0) << round;
+    EXPECT_EQ(readFile(path), one); EXPECT_FALSE(exists(sav) || exists(tmp));
+  }
 }
 
 // Without user state (no calendars) in the current database, reads and writes give

@@ -125,6 +125,10 @@ int retryRename(const char *from, const char *to) {
   return onTransient([&] { return rename(from, to); });
 }
 
+int retryLink(const char *from, const char *to) {
+  return onTransient([&] { return link(from, to); });
+}
+
 /* ---- Plain calls ------------------------------------------------------------------ */
 
 int makeDir(const char *path, unsigned mode) {

@@ -1,7 +1,7 @@
 // retry.h -- the file-system calls of the database layer, retried the way a busy network
 // file system needs.
 //
-// Two retry rules. The transient rule (unlink, stat, rename): while the call fails with
+// Two retry rules. The transient rule (unlink, stat, rename, link): while the call fails with
 // EINTR, EAGAIN, EBUSY, ETXTBSY or ETIMEDOUT, nap one second and try again, at most 3
 // retries. The ETIMEDOUT rule (creat, close, fstat, chmod, utime): while the call fails
 // with ETIMEDOUT, ask timedOut, which naps one second for the first four retries, goes
@@ -48,6 +48,8 @@ int retryUtime(const char *path);   // access and modification time to now
 int retryUnlink(const char *path);
 int retryStat(const char *path, struct stat *buf);
 int retryRename(const char *from, const char *to);
+// A second name for a file; unlike rename it fails (EEXIST) when `to` exists.
+int retryLink(const char *from, const char *to);
 
 /* ---- Plain calls the layer needs once each ------------------------------------------- */
 

@@ -15,7 +15,7 @@ using namespace quorvel;
 using ::testing::ExitedWithCode;
 
 namespace {
-enum Call { CHMOD, UNLINK, STAT, RENAME, CREAT, CLOSE, FSTAT, UTIME, FFLUSH, FCLOSE, NCALLS };
+enum Call { CHMOD, UNLINK, STAT, RENAME, CREAT, CLOSE, FSTAT, UTIME, FFLUSH, FCLOSE, LINK, NCALLS };
 std::deque<int> errs[NCALLS];  // next results: errno to fail with, 0 = succeed without acting
 int calls[NCALLS];             // calls made in scope
 std::string pathScope;         // paths starting with this are in scope, and so are
@@ -73,6 +73,7 @@ struct DbRetry : ::testing::Test {
 extern "C" {
 WRAP(unlink, UNLINK, inPath(p), (const char *p), (p), (void)0)
 WRAP(rename, RENAME, inPath(a), (const char *a, const char *b), (a, b), (void)0)
+WRAP(link, LINK, inPath(a), (const char *a, const char *b), (a, b), (void)0)
 WRAP(creat, CREAT, inPath(p), (const char *p, mode_t m), (p, m), (void)0)
 WRAP(close, CLOSE, fd == fdScope, (int fd), (fd), (void)0)
 WRAP(fstat, FSTAT, fd == fdScope, (int fd, struct stat *b), (fd, b), (void)0)
@@ -158,18 +159,26 @@ TEST_F(DbRetry, ProbeFailureIsFatalWithTheTextOfItsErrnoAfterRemovingTheProbe) {
   unsetenv("QUORVELPATH"), resetBase();
 }
 
-TEST_F(DbRetry, ScratchNamesRetryCreationOnAccessAndRenameOnTakenNames) {
+TEST_F(DbRetry, ScratchNamesRetryCreationOnAccessAndNeverReplaceATakenName) {
   std::string tmpl = tmp.at("abcXXXXXX"), name;
   auto make = [&] { return makeScratchFile((name = tmpl).data()); };
   auto files = [&] { return std::distance(std::filesystem::directory_iterator(tmp.path), {}); };
-  script(RENAME, {EEXIST, EEXIST});
+  script(LINK, {EEXIST, EEXIST});
   expectRun(CREAT, std::deque<int>(49, EACCES), make, 0, -1, 50, 0);
-  EXPECT_TRUE(calls[RENAME] == 3 && std::regex_match(name, std::regex(tmp.path + "/abca[0-9]{5}")));
+  EXPECT_TRUE(calls[LINK] == 3 && std::regex_match(name, std::regex(tmp.path + "/abca[0-9]{5}")));
   EXPECT_TRUE(stat(name.c_str(), &st) == 0 && (st.st_mode & 0777) == 0600);
   EXPECT_EQ(files(), 2);  // the data file and the scratch file, no "T" name
+  // The final name the random stream gives first belongs to another file: it is kept
+  // as it is, and the scratch file takes the next name.
+  char taken[16];
+  srand48(7), lrand48(), snprintf(taken, sizeof taken, "abca%.5ld", lrand48() & 0x7fff);
+  writeFile(tmp.at(taken), "precious"), srand48(7);
+  ASSERT_EQ(make(), 0);
+  EXPECT_NE(name, tmp.at(taken)); EXPECT_EQ(readFile(tmp.at(taken)), "precious");
+  EXPECT_EQ(files(), 4);
   expectRun(CREAT, std::deque<int>(50, EACCES), make, -EACCES, EACCES, 50, 0);
-  expectRun(RENAME, {EXDEV}, make, -EXDEV, EXDEV, 1, 0);
-  EXPECT_EQ(files(), 3);  // the read-only "T" file stays
+  expectRun(LINK, {EXDEV}, make, -EXDEV, EXDEV, 1, 0);
+  EXPECT_EQ(files(), 5);  // the read-only "T" file stays
   for (std::string bad : {"/tmp/abc", "XXXX", "/tmp/XXXXXXabc"})
     EXPECT_EQ(makeScratchFile(bad.data()), -1) << bad;
   EXPECT_EQ(makeScratchFile(tmp.at("none/abcXXXXXX").data()), -ENOENT);

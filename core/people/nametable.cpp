@@ -1,6 +1,7 @@
 // nametable.cpp -- the calendar-name table of a context (rows by index, an open-addressing
 // hash map by name), the name lookup it offers core/net, and the per-calendar texts read from it.
 #include "core/db/context.h"
+#include "core/db/recordfile.h"
 #include "core/net/namelookup.h"
 #include "core/people/users.h"
 
@@ -169,22 +170,21 @@ const char *tableDisplay(DbHandle *ctx, int index) {
   return r ? r->display : nullptr;
 }
 
-void registerFileOnlyNames(DbHandle *ctx, const UserList *list) {
-  if (!list) return;
+namespace {
+
+// For each entry named "-x": adds "x" with the entry's details unless "x" is present.
+void addFileOnlyNames(NameTable *t, const UserList *list) {
   for (int i = 0; i < list->count; i++) {
     const UserEntry &e = list->entries[i];
-    if (e.name && e.name[0] == '-')
-      addCalendarName(ctx, e.name + 1, e.login, e.mailAddress, e.displayName);
+    if (!e.name || e.name[0] != '-') continue;
+    growSlots(t, t->rows.size() + 1);
+    addRow(t, e, e.name + 1, nameHash(e.name + 1));
   }
 }
 
-void rebuildNameTable(DbHandle *ctx, const UserList *list) {
-  NameTable *t = tableOf(ctx, true);
-  if (!t) return;
-  *t = NameTable();
-  if (!list) return;
-  // Every entry in list order (hashes first, so that each slot can be asked for a few
-  // names ahead of its use: slots are reached at random), then the file-only names.
+// Every entry in list order (hashes first, so that each slot can be asked for a few
+// names ahead of its use: slots are reached at random), then the file-only names.
+void fillTable(NameTable *t, const UserList *list) {
   size_t n = static_cast<size_t>(list->count);
   std::vector<uint32_t> hashes(n);
   for (size_t i = 0; i < n; i++)
@@ -198,7 +198,35 @@ void rebuildNameTable(DbHandle *ctx, const UserList *list) {
     const UserEntry &e = list->entries[i];
     if (e.name) addRow(t, e, e.name, hashes[i]);
   }
-  registerFileOnlyNames(ctx, list);
+  addFileOnlyNames(t, list);
+}
+
+// True when some index of the old table names another calendar (or none) in the new.
+bool indexesMoved(const NameTable &old, const NameTable &fresh) {
+  if (fresh.rows.size() < old.rows.size()) return true;
+  for (size_t i = 0; i < old.rows.size(); i++)
+    if (strcmp(old.rows[i].name, fresh.rows[i].name) != 0) return true;
+  return false;
+}
+
+}  // namespace
+
+void registerFileOnlyNames(DbHandle *ctx, const UserList *list) {
+  NameTable *t = tableOf(ctx, true);
+  if (t && list) addFileOnlyNames(t, list);
+}
+
+// The table follows the list's order (a server's sets are indexes into its list), so
+// a new list can move names to other indexes. Sets held by cached record files are
+// indexes too: before the move they are written out under the old names and the
+// caches dropped, else the next write would put each member under another name.
+void rebuildNameTable(DbHandle *ctx, const UserList *list) {
+  NameTable *t = tableOf(ctx, true);
+  if (!t) return;
+  NameTable fresh;
+  if (list) fillTable(&fresh, list);
+  if (indexesMoved(*t, fresh)) writeAndDropEveryCache();
+  *t = std::move(fresh);
 }
 
 void freeNameTable(DbHandle *ctx) {

@@ -12,8 +12,10 @@
 // calendar-name table built from it: index -> (name, login, mail address, display name),
 // looked up by name through a hash map. The table is rebuilt from each list installed,
 // in list order, followed by the file-only names (entries whose name starts with "-",
-// registered once more without the "-"). The installed name lookup of core/net always
-// reads the table of the current context.
+// registered once more without the "-"). When a rebuild would give an index another
+// name, every cached record file (whose sets are indexes) is first written out under
+// the old names and the caches dropped; a list that only adds names keeps them. The
+// installed name lookup of core/net always reads the table of the current context.
 // Results: indexes are -1 for "none"; readUsersFile as stated below.
 #pragma once
 
@@ -114,7 +116,8 @@ const char *tableLogin(DbHandle *ctx, int index);
 const char *tableMail(DbHandle *ctx, int index);
 const char *tableDisplay(DbHandle *ctx, int index);
 
-// Empties ctx's table and fills it from list: every entry, then the file-only names.
+// Replaces ctx's table by one filled from list: every entry, then the file-only names.
+// When that moves an index, writeAndDropEveryCache runs first (see above).
 void rebuildNameTable(DbHandle *ctx, const UserList *list);
 // For each entry named "-x": adds "x" with the entry's details unless "x" is present.
 void registerFileOnlyNames(DbHandle *ctx, const UserList *list);

@@ -1,9 +1,17 @@
 // Tests of the users-file read from real files into a context's list and name table.
 #include "core/people/people_test_util.h"
+#include "core/db/recordfile.h"
+#include "core/items/item.h"
+#include <fstream>
 #include <pwd.h>
 #include <unistd.h>
 #include <span>
 using namespace quorvel;
+
+static std::string readFile(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
 
 static std::string me() { return getpwuid(getuid()) ? getpwuid(getuid())->pw_name : ""; }
 
@@ -113,4 +121,28 @@ TEST_F(PeopleTest, NameTableKeepsFirstIndexesAndFeedsTheNameLookup) {
   EXPECT_TRUE(calendarCount() == 1 && calendarIndex("zed") == 0);
   restoreCurrentDb();
   EXPECT_EQ(calendarIndex("zed"), -1);
+}
+
+// Cached record files hold calendar indexes. A re-read that moves names to other indexes
+// first writes what is unsaved (under the old names) and drops the caches, so nothing is
+// written under the wrong name; a re-read that only adds names at the end keeps them.
+TEST_F(PeopleTest, ReReadThatMovesIndexesWritesAndDropsCachedRecordFilesFirst) {
+  main->dir = root + "/db/database", main->standalone = true;
+  ASSERT_EQ(mkdir(main->dir.c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((main->dir + "/locks").c_str(), 0755), 0);
+  std::string path = root + "/cal";
+  readMain("ann,x\nbob,y\n", 1000);
+  RecordFile *rf = openRecordFile(main, path.c_str());
+  ASSERT_NE(rf, nullptr);
+  Item *item = evnew();
+  item->randomId = 4, setbit(&item->calendars, calendarIndex("bob"), 1), addRecordItem(rf, item);
+  readMain("ann,x\nbob,y\ncarl,z\n", 2000);  // appended: the cache stays as it is
+  EXPECT_TRUE(cachedFileCount(main) == 1 && rf->dirty && findRecordFile(main, path.c_str()) == rf);
+  readMain("aaron,w\nann,x\nbob,y\ncarl,z\n", 3000);
+  EXPECT_EQ(cachedFileCount(main), 0);
+  EXPECT_NE(readFile(path).find("\n#W\tbob\n"), std::string::npos) << readFile(path);
+  EXPECT_EQ(writeDirtyFiles(main), 0);
+  rf = openRecordFile(main, path.c_str());
+  ASSERT_EQ(rf->count, 1);
+  EXPECT_TRUE(setMembers(rf->list.next->calendars) == 1 && testbit(rf->list.next->calendars, 2));
 }

@@ -1,0 +1,158 @@
+// alarmday_test.cpp -- the queue built from today's items: a local calendar's record
+// file against a hand-computed schedule, the re-parse test, and a server calendar
+// through the fake calendar server.
+#include <sys/time.h>
+
+#include <algorithm>
+
+#include "core/alarm/alarm_test_util.h"
+#include "core/db/record.h"
+#include "core/net/buf.h"
+#include "core/net/itemcodec.h"
+#include "core/net/link.h"
+#include "testing/calserver.h"
+
+namespace quorvel {
+namespace {
+
+using Lines = std::vector<std::string>;
+struct A { int user, start, freq; const char *string = nullptr; };
+
+Item *makeItem(Item *list, const char *title, time_t start, std::vector<A> alarms,
+               std::vector<int> x = {}, std::vector<int> y = {}, std::vector<int> n = {}) {
+  Item *it = evnew();
+  evsetTitle(it, title);
+  it->timeValue.start.time = int32_t(start), it->timeValue.end.time = int32_t(start + 1800);
+  it->randomId = 100 + evlistCount(list);
+  setbit(&it->calendars, 0, 1), setbit(&it->calendars, 1, 1);
+  for (int u : x) setbit(&it->setX, u, 1);
+  for (int u : y) setbit(&it->setY, u, 1);
+  for (int u : n) setbit(&it->setN, u, 1);
+  for (const A &a : alarms) AddAlarm(it, a.user, uint32_t(a.start), uint32_t(a.freq), a.string);
+  evlistAppend(list, it);
+  return it;
+}
+
+// A day of alice's items, and around it one of the day before and one of the next.
+void dayOfItems(Item *list) {
+  evlistInit(list);
+  makeItem(list, "Yesterday", at(0, 0) - 60, {{0, 0, 1}});
+  makeItem(list, "Standup", at(10, 0), {{0, 15, 5}, {1, 60, 1}});
+  makeItem(list, "Lunch", at(12, 0), {{1, 10, 5}});           // alice: her default
+  makeItem(list, "Review", at(9, 30), {{0, 60, 20, "room 4"}});  // 8:30 and 8:50 are past
+  makeItem(list, "Off", at(11, 0), {{0, 10, 0}});               // switched off: no default
+  makeItem(list, "Skipped", at(14, 0), {{0, 10, 10}}, {0});     // alice excluded
+  makeItem(list, "Pending", at(15, 0), {{0, 10, 10}}, {}, {0});  // in Y, not in N
+  makeItem(list, "Answered", at(16, 0), {{0, 0, 1}}, {}, {0}, {0});
+  makeItem(list, "Early", at(9, 0), {{0, 0, 1}});               // due this very minute
+  makeItem(list, "Tomorrow", at(24 + 8, 0), {{0, 0, 1}});
+}
+
+const Lines aliceDay = {"09:00 Early",    "09:10 Review",   "09:30 Review",  "09:45 Standup",
+                        "09:50 Standup",  "09:55 Standup",  "10:00 Standup", "11:30 Lunch",
+                        "12:00 Lunch",    "16:00 Answered"};
+
+class AlarmDayTest : public AlarmTest {
+ protected:
+  std::string events() { return root + "/db/database/events/alice"; }
+  void SetUp() override {
+    AlarmTest::SetUp();
+    Item list;
+    dayOfItems(&list);
+    std::string text;
+    ASSERT_EQ(writeList(&text, &list), 0);
+    freeListHead(&list);
+    std::ofstream(events()) << text;
+    // Two records for alice: the first one counts.
+    std::ofstream(root + "/db/database/alarm.def")
+        << "\n#A\t30,30\n#V\talice\n\n#A\t5,5\n#V\talice\n\n#A\t1,1\n#V\tbob\n";
+    recordTimer();
+  }
+  void touch(const std::string &path, time_t when) {
+    struct timeval tv[2] = {{when, 0}, {when, 0}};
+    ASSERT_EQ(utimes(path.c_str(), tv), 0);
+  }
+};
+
+TEST_F(AlarmDayTest, ALocalDayMatchesTheHandComputedSchedule) {
+  setAlarmTrace(true);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(CheckAlarmlists(db, -1), 1);
+  std::string trace = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(trace.rfind("CheckAlarmlists: reparsing alarmlists\nevent Early in 0 seconds\n"
+                        "event Review in 600 seconds\n", 0), 0u);
+  EXPECT_EQ(queueText(), aliceDay);
+  EXPECT_EQ(armed, (std::vector<long>{1000}));  // Early is due now
+  EXPECT_EQ(armedFor[0]->cookie, 100 + 8);
+  EXPECT_STREQ(alarmQueue(nullptr, nullptr)[1].string, "room 4");
+  setAlarmTrace(false);
+  // Nothing changed: no rebuild. A newer file rebuilds from the new now.
+  EXPECT_EQ(CheckAlarmlists(db, 0), 0);
+  clockNow = at(9, 6);
+  touch(events(), at(9, 5));
+  EXPECT_EQ(CheckAlarmlists(db, 0), 1);
+  EXPECT_EQ(queueText(), Lines(aliceDay.begin() + 1, aliceDay.end()));
+  EXPECT_EQ(armed.back(), 4 * 60000);
+  EXPECT_EQ(cancels, 1);  // the rebuild stopped the armed timer
+  // A new day rebuilds although the file did not change.
+  clockNow = at(24 + 7, 0);
+  EXPECT_EQ(CheckAlarmlists(db, 0), 1);
+  EXPECT_EQ(queueText(), (Lines{"32:00 Tomorrow"}));
+  // A user without a calendar file falls back to the own calendar.
+  clockNow = at(9, 0, 30);
+  forgetAlarmParse();
+  EXPECT_EQ(CheckAlarmlists(db, 7), 1);
+  EXPECT_EQ(queueText(), aliceDay);
+}
+
+TEST_F(AlarmDayTest, BobsDayUsesHisAlarmsAndHisDefault) {
+  std::filesystem::copy_file(events(), root + "/db/database/events/bob");
+  EXPECT_EQ(CheckAlarmlists(db, 1), 1);
+  // Standup 60/1 from 9:00 to 10:00; Lunch 10/5; his default 1/1 where he has none.
+  Lines q = queueText();
+  EXPECT_EQ(q.size(), 61u + 3 + 2 + 2 + 2 + 2 + 2 + 1);  // Early: only 9:00 is not past
+  EXPECT_EQ(std::count_if(q.begin(), q.end(), [](auto &l) { return l.find("Standup") != l.npos; }), 61);
+  EXPECT_EQ(Lines(q.end() - 4, q.end()),
+            (Lines{"14:59 Pending", "15:00 Pending", "15:59 Answered", "16:00 Answered"}));
+}
+
+TEST_F(AlarmDayTest, AServerCalendarsDayComesFromTheServer) {
+  CalServer server;
+  ASSERT_EQ(startCalServer(&server), 0);
+  DbHandle *remote = newDbHandle((root + "/db/database").c_str(), "srv", 0);
+  remote->server = newServerLink(calAddress(&server).c_str());
+  remote->server->waitMs = 3000;
+  UserList *users = newUserList();
+  addUserEntry(users, "alice", "alice", "", "", 0);
+  installUserList(remote, users);
+  Item list;
+  dayOfItems(&list);
+  Buf *b = NewBuf();
+  b->peerMajor = 1, b->peerMinor = 6;
+  writeEventList(b, &list);
+  std::string items(reinterpret_cast<char *>(bufData(b)), bufUsed(b));
+  freeBuf(b), evlistFree(&list);
+  std::string def = std::string("\0\0\0\0\0\0\0\x1e\0\0\0\x1e", 12);  // alice 30,30
+  calScript(&server, {calReply({calBytes(2, ""), calNumber(7)}), calReply({calBytes(53, items)}),
+                      calReply({calBytes(7, def)}), calReply({calBytes(2, ""), calNumber(7)}),
+                      calReply({calBytes(2, ""), calNumber(8)})});
+  EXPECT_EQ(CheckAlarmlists(remote, 0), 1);
+  EXPECT_EQ(queueText(), aliceDay);
+  EXPECT_EQ(CheckAlarmlists(remote, 0), 0);  // the same change count
+  EXPECT_EQ(CheckAlarmlists(remote, 0), 1);  // a new count; the day cannot be loaded
+  EXPECT_TRUE(queueText().empty());
+  std::vector<CalRequest> requests = calRequests(&server);
+  std::string codes;
+  for (const CalRequest &r : requests) codes += std::to_string(r.code) + " ";
+  EXPECT_EQ(codes, "104 101 114 104 104 101 101 101 101 ");
+  const CalRequest &query = requests[1];  // W s e k, then the user and two zeros
+  ASSERT_EQ(query.fields.size(), 7u);
+  EXPECT_EQ(calFieldNumber(query.fields[1]), int32_t(at(0, 0)));
+  EXPECT_EQ(calFieldNumber(query.fields[2]), int32_t(at(24, 0)));
+  EXPECT_EQ(calFieldText(requests[0].fields[1]), "alice");
+  releaseUsers(remote), freeServerLink(remote->server), remote->server = nullptr;
+  stopCalServer(&server);
+}
+
+}  // namespace
+}  // namespace quorvel

@@ -1,0 +1,121 @@
+// Mail notices composed with the trace switch on: the command line and the scratch
+// message as the mailer would get them, the time text, the address rules, the templates.
+#include "core/notice/notice_test_util.h"
+using namespace quorvel;
+
+TEST_F(NoticeTest, TimeTextsNeverShowTwelveAmAndNothingIsSentWithoutCause) {
+  std::string texts;
+  for (auto [hour, minute, clock24] : {std::tuple{12, 5, false}, {0, 5, false}, {13, 30, false},
+                                       {11, 59, false}, {0, 5, true}, {21, 30, true}})
+    texts += mailTimeText(juneFifth(hour, minute), clock24) + "|";
+  EXPECT_EQ(texts, "12:05 pm, |00:05 am, |01:30 pm, |11:59 am, |00:05, |21:30, |");
+  setMailSettings(mailer("sendmail"));
+  for (int op : {0, 4}) EXPECT_EQ(send({0}, op).rc * 10 + (int)send({0}, op).err.size(), -10);
+  Sent none = send({1, 2}, 1);  // bob comes first and has no address: nobody is told
+  EXPECT_TRUE(none.rc == MAIL_NOTHING && none.err.empty() && reportCount() == 0);
+  setMailSettings(mailer(""));
+  Sent s = send({0}, 1);
+  EXPECT_EQ(s.err + std::to_string(s.rc), "deliverMail: cannot get mailer command string\n-2");
+}
+
+TEST_F(NoticeTest, DefaultTextsAndTheCommandLineOfTheShellDelivery) {
+  setMailSettings(mailer("/usr/sbin/sendmail"));
+  Sent s = send({0, 1, 2}, 3);  // carl comes after bob, who has no address: not told
+  std::string scratch = scratchOf(s.err);
+  EXPECT_EQ(s.err, "(cat " + scratch + " | /usr/sbin/sendmail   anna@quorvel.test; rm -f " +
+                       scratch + ") &\n");
+  EXPECT_EQ(s.msg, "To: anna@quorvel.test\nSubject: Meeting deleted\n\nThe following event "
+                       "has been deleted (originally scheduled for\n12:05 pm, June 05, 2026):"
+                       "\n\n\tLunch at noon\n\n");
+  EXPECT_TRUE(s.rc == 0 && s.mode == 0666 && scratch.rfind("/tmp/T", 0) == 0 &&
+              scratch.substr(scratch.size() - 4) == ".qvl");
+  item->timeValue.start.time = juneFifth(0, 5);  // the entry points take the item's start
+  CalSet dora = setOf({3});  // dora's login stands in for her address
+  for (int op : {1, 2}) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(mailItemNoticeNoSender(item, dora, op, "Desk"), 0);
+    std::string err = testing::internal::GetCapturedStderr(), name = scratchOf(err);
+    EXPECT_EQ(readFile(name), std::string("To: dora@quorvel.test\nSubject: Meeting ") +
+                                  (op == 1 ? "scheduled" : "change") +
+                                  "\n\nThe following event has been " +
+                                  (op == 1 ? "scheduled" : "changed") +
+                                  " to begin at 00:05 am, June 05, 2026:\n\n\tDesk\n\n");
+    unlink(name.c_str());
+  }
+  freebits(&dora);
+  // The sender goes to the mailer (-f) only from a standalone database with a sender.
+  MailSettings m = mailer("mailx");
+  m.mailerArg = "-oi", m.separator = ",";
+  setMailSettings(m);
+  for (auto [standalone, sender, index, options] :
+       {std::tuple{true, "anna", 0, " -fanna"}, {true, "anna", -1, ""}, {true, "", 0, ""},
+        {false, "anna", 0, ""}}) {
+    main->standalone = standalone;
+    Sent sent = send({0, 2}, 2, sender, index);
+    EXPECT_TRUE(has(sent.err, std::string("| mailx ") + options +
+                                  " -oi anna@quorvel.test,carl@quorvel.test; rm")) << sent.err;
+    EXPECT_EQ(sent.msg.substr(0, 40), "To: anna@quorvel.test,carl@quorvel.test\n");
+  }
+}
+
+TEST_F(NoticeTest, LongAddressListsAreCutAtTheFirstSeparator1899CharactersOn) {
+  setMailSettings(mailer("sendmail"));
+  auto toLines = [](const std::string &message) {
+    std::vector<std::string> to;
+    std::istringstream in(message);
+    for (std::string line; std::getline(in, line) && line.rfind("To: ", 0) == 0;)
+      to.push_back(line.substr(4));
+    return to;
+  };
+  auto fresh = [this] { releaseUsers(main), resetDbContexts(), main = openDefaultDb(); };
+  for (int first : {1898, 1899}) {  // 1900 characters stay on one line, 1901 do not
+    fresh();
+    addCalendarName(nullptr, "long", "", std::string(first, 'a').c_str(), "");
+    addCalendarName(nullptr, "short", "", "b", "");
+    EXPECT_EQ(toLines(send({0, 1}, 1).msg).size(), first == 1898 ? 1u : 2u);
+  }
+  fresh();  // 130 addresses of 17 characters: 2339 characters, blanks at 18k + 17
+  std::string joined;
+  for (int i = 0; i < 130; i++) {
+    char address[32];
+    snprintf(address, sizeof address, "u%03d@quorvel.test", i);
+    addCalendarName(nullptr, address, "", address, "");
+    joined += (i ? " " : "") + std::string(address);
+  }
+  CalSet all = nullptr;
+  allocbits(&all, 130);
+  for (int i = 0; i < 130; i++) setbit(&all, i, 1);
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(deliverMail(item, "anna", 0, all, 1, "x", 0), 0);
+  std::string err = testing::internal::GetCapturedStderr(), name = scratchOf(err);
+  std::vector<std::string> to = toLines(readFile(name));
+  unlink(name.c_str()), freebits(&all);
+  ASSERT_EQ(to.size(), 2u);
+  EXPECT_EQ(to[0] + " " + to[1], joined);
+  EXPECT_EQ(to[0].size(), 1907u);  // the first blank from 1899 on is at 18 * 105 + 17
+  EXPECT_TRUE(has(err, joined + "; rm -f"));  // the command line names them all
+}
+
+TEST_F(NoticeTest, TemplatesChosenByKindAndOperationExpandTheirPlaceholders) {
+  writeFile("mailmsg", "# site notices\r\nModTodoSubject: To-do changed: ${title}\r\n"
+                       "ModTodoBody: ${sender} moved \"${title}\" to ${time} on ${date}.\n"
+                       "\t\n ${description} ${nope} $ {title}\n"
+                       "NewMemoSubject: Memo from ${sender}\n! an empty one counts as missing\n"
+                       "NewMemoBody:\nNewEventSubject: first\nnewEVENTsubject: second\n");
+  setMailSettings(mailer("sendmail"));
+  item->dWord = KIND_TODO;
+  EXPECT_EQ(send({0}, 2, "anna", 0, juneFifth(21, 30), "Bring plates").msg,
+            "To: anna@quorvel.test\nSubject: To-do changed: Lunch\n\nanna moved \"Lunch\" to "
+            "09:30 pm on June 05, 2026.\n\nBring plates ${nope} $ {title}\n\n");
+  MailSettings s = mailer("sendmail");
+  s.clock24 = true;
+  setMailSettings(s);
+  item->dWord = KIND_REMINDER;  // a memo
+  EXPECT_EQ(send({2}, 1, "anna", 0, juneFifth(21, 30), "Call").msg,
+            "To: carl@quorvel.test\nSubject: Memo from anna\n\nThe following event has been "
+            "scheduled to begin at 21:30, June 05, 2026:\n\n\tCall\n\n");
+  item->dWord = 7;  // any other kind is an event; a repeated name replaces the first
+  EXPECT_TRUE(has(send({0}, 1).msg, "Subject: second\n"));
+  item->dWord = KIND_EVENT;
+  EXPECT_TRUE(has(send({0}, 2).msg, "Subject: Meeting change\n"));
+}
