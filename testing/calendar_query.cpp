@@ -45,19 +45,22 @@ std::string percentEncode(const std::string &text) {
 }
 
 std::string htmlEscape(const std::string &text) {
+  // Runs without a special character are copied whole: most titles have none.
   std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
+  out.reserve(text.size() + 16);
+  size_t from = 0;
+  for (size_t at = text.find_first_of("&<>\"'"); at != std::string::npos;
+       from = at + 1, at = text.find_first_of("&<>\"'", from)) {
+    out.append(text, from, at - from);
+    switch (text[at]) {
       case '&': out += "&amp;"; break;
       case '<': out += "&lt;"; break;
       case '>': out += "&gt;"; break;
       case '"': out += "&quot;"; break;
-      case '\'': out += "&#39;"; break;
-      default: out += c;
+      default: out += "&#39;";
     }
   }
-  return out;
+  return out.append(text, from, std::string::npos);
 }
 
 // Reads exactly `digits` decimal digits at text[*at]; -1 when they are not there.
