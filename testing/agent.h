@@ -26,8 +26,11 @@
 //                 extra-bytes (four bytes past the announced total), close (closes
 //                 without answering), silent (never answers), drip (the demo reply a
 //                 few bytes per write, --drip BYTES, default 7), no-read (never reads)
-//                 calendar: the calendar views of the database at --database ROOT; the
-//                 query keys (view, user, date, as) are in calendar_view.h
+//                 calendar: the calendar views of the database at --database ROOT
+//                 (calendar_view.h), chosen by the query's keys:
+//                   view=day|week|month  user=NAME  date=YYYY-MM-DD or YYYY-MM  as=NAME
+//                 e.g. view=month&user=ann&date=2026-11&as=bob: ann's November read
+//                 with bob's rights; a page plus tmp/overview-<user>-<yyyy>-<mm>.svg
 //   --database R  calendar mode: the installation root holding db/users and db/database
 //   --count K     serve K connections, then exit 0 (default: until killed)
 //   --port-file F write the port number and a line end to F once listening
