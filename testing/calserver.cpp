@@ -90,7 +90,8 @@ static std::vector<uint8_t> buildReply(const CalStep &step, int requestCode) {
     msg.resize((msg.size() + 3) / 4 * 4);
   }
   msg.insert(msg.end(), step.raw.begin(), step.raw.end());
-  uint32_t len = htonl(step.zeroLength ? 0 : static_cast<uint32_t>(msg.size())), magic = htonl(step.magic);
+  uint32_t length = static_cast<uint32_t>(step.announce >= 0 ? step.announce : int64_t(msg.size()));
+  uint32_t len = htonl(step.zeroLength ? 0 : length), magic = htonl(step.magic);
   memcpy(msg.data() + 4, &len, 4);
   memcpy(msg.data() + 8, &magic, 4);
   return msg;

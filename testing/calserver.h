@@ -48,6 +48,7 @@ struct CalStep {
   int major = 1, minor = 6;      // version bytes of the reply header
   uint32_t magic = 0xDEADBEEF;   // magic of the reply header
   bool zeroLength = false;       // announce a length of 0 in the header
+  int64_t announce = -1;         // announce this length instead of the true one (-1: true)
   std::vector<CalField> fields;  // the reply's fields behind the header
   std::vector<uint8_t> raw;      // bytes sent as they are behind the fields (counted)
   int delayMs = 0;               // wait this long before answering

@@ -31,7 +31,7 @@ void *newArray(int count, size_t size) {
 
 // Grows an owned array by one zeroed entry at the end; returns the new entry.
 void *growArray(void **array, int16_t *count, size_t size) {
-  if (*count >= INT16_MAX) outOfMem("evnew");  // the count is 16-bit: no room left
+  if (*count >= ITEM_LIST_MAX) outOfMem("evnew");  // the count is 16-bit: no room left
   void *grown = allocMem(*array, size_t(*count + 1) * size);
   if (grown == nullptr) outOfMem("evnew");
   *array = grown;

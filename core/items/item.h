@@ -53,6 +53,7 @@ namespace quorvel {
 
 inline constexpr int32_t OWNER_ALL = 99999;    // owner index meaning every calendar
 inline constexpr int ITEM_TEXT_MAX = 255;       // longest title / dbName on the wire
+inline constexpr int16_t ITEM_LIST_MAX = INT16_MAX;  // most entries of an owned array
 inline constexpr uint16_t KIND_EVENT = 1;       // dWord values
 inline constexpr uint16_t KIND_TODO = 2;
 inline constexpr uint16_t KIND_REMINDER = 3;
@@ -159,7 +160,9 @@ void freeAlarms(Alarm *list, int count);
 UserTime *copyUserTimes(const UserTime *from, int count);
 LabelSet *copyLabelSets(const LabelSet *from, int count);
 void freeLabelSets(LabelSet *list, int count);
-// Appends one zeroed entry, returns it; out of memory reports "evnew".
+// Appends one zeroed entry, returns it; out of memory reports "evnew", and so does an
+// array that already holds ITEM_LIST_MAX entries (its count is 16-bit): readers of
+// outside input check the count first.
 Popup *addPopup(Item *item);
 Alarm *addAlarmEntry(Item *item);
 UserTime *addUserTime(Item *item);

@@ -19,6 +19,15 @@ namespace {
 int wordsFor(int n) { return (n + 15) / 16; }
 int bytesFor(int n) { return wordsFor(n) * 2 + 2; }
 
+// Word w (0-based after the count) with the bits at and above the count cleared: a set
+// read from the wire keeps whatever the sender had there, and those bits are no members.
+uint16_t memberWord(const uint16_t *set, int w) {
+  int n = set[0];
+  uint16_t word = set[1 + w];
+  if (w == wordsFor(n) - 1 && n % 16 != 0) word &= uint16_t((1u << (n % 16)) - 1);
+  return word;
+}
+
 uint16_t getWord16(const char *in) {
   uint16_t v;
   memcpy(&v, in, 2);
@@ -46,6 +55,9 @@ void allocbits(CalSet *set, int n) {
     *set = grown;
   }
   if (n < old && n % 16 != 0) (*set)[1 + n / 16] &= uint16_t((1u << (n % 16)) - 1);
+  // Growing inside the old last word: the bits taken in start clear, also when the set
+  // came from the wire with bits beyond its count.
+  if (n > old && old % 16 != 0) (*set)[1 + old / 16] = memberWord(*set, old / 16);
   (*set)[0] = uint16_t(n);
 }
 
@@ -72,7 +84,7 @@ int setByteSize(const uint16_t *set) { return set == nullptr ? 0 : bytesFor(set[
 
 int setMembers(const uint16_t *set) {
   int members = 0;
-  for (int w = 0; w < wordsFor(setBitCount(set)); w++) members += std::popcount(set[1 + w]);
+  for (int w = 0; w < wordsFor(setBitCount(set)); w++) members += std::popcount(memberWord(set, w));
   return members;
 }
 
@@ -84,7 +96,7 @@ bool testbit(const uint16_t *set, int i) {
 bool setsEqual(const uint16_t *a, const uint16_t *b) {
   int wa = wordsFor(setBitCount(a)), wb = wordsFor(setBitCount(b));
   for (int w = 0; w < (wa > wb ? wa : wb); w++) {
-    uint16_t x = w < wa ? a[1 + w] : 0, y = w < wb ? b[1 + w] : 0;
+    uint16_t x = w < wa ? memberWord(a, w) : 0, y = w < wb ? memberWord(b, w) : 0;
     if (x != y) return false;
   }
   return true;
@@ -204,9 +216,9 @@ int readnetbits(const char *in, size_t len, CalSet *set) {
     return 4;
   }
   allocbits(set, n);
+  // The words are copied whole, bits beyond n included, so that the set goes out again
+  // as it came in; the set's routines count only the bits below n as members.
   for (int w = 1; w < bytes / 2; w++) (*set)[w] = getWord16(in + 2 * w);
-  // (bits beyond n in the last word are not members: keep them clear)
-  if (n % 16 != 0) (*set)[1 + n / 16] &= uint16_t((1u << (n % 16)) - 1);
   return bytes;
 }
 

@@ -32,7 +32,8 @@ inline constexpr const char *ALL_NAMES = "__ALL__";
 /* ---- The bit set -------------------------------------------------------------- */
 
 // Resizes *set to n bits (at most 65535, what word 0 holds): n 0 frees it (null); added
-// bits are zero; shrinking clears the bits of the last word from n % 16 up. Out of
+// bits are zero (also inside the old last word); shrinking clears the bits of the last
+// word from n % 16 up. Out of
 // memory reports "allocbits".
 void allocbits(CalSet *set, int n);
 // Sets (on != 0) or clears bit i, growing the set to i + 1 bits when needed; i < 0
@@ -71,7 +72,9 @@ int readnetchars(char *in, size_t len, CalSet *set);
 // empty field (also after "writenetbits: nbytes too large %d"), -1 when cap is short.
 int writenetbits(char *out, size_t cap, const uint16_t *set);
 // Replaces *set by the field at in (len bytes available); returns its byte size, or 4
-// for an empty or refused field ("readnetbits: nbytes too large %d").
+// for an empty or refused field ("readnetbits: nbytes too large %d"). The words are
+// copied whole: bits beyond the count come along and go out again with writenetbits,
+// but no routine here counts them as members.
 int readnetbits(const char *in, size_t len, CalSet *set);
 
 // readnetchars when asNames is non-zero, else readnetbits.

@@ -125,10 +125,19 @@ TEST_F(CalSetTest, BitsEncodingRoundTripsUpTo2032BitsRefusesMoreAndSendsEmptySet
   char word[8];  // in network order
   EXPECT_EQ(writenetbits(word, sizeof word, set), 4);
   EXPECT_EQ(std::string(word, 4), "\0\x0a\2\1"s);
-  // readnetbits replaces the set; bits beyond the count in the last word are dropped.
-  EXPECT_EQ(readnetbits("\0\5\xFF\xFF", 4, &other), 4);
-  EXPECT_EQ(members(other), (Members{0, 1, 2, 3, 4}));
-  EXPECT_TRUE(setBitCount(other) == 5 && setMembers(other) == 5);
+  // readnetbits replaces the set and copies the words whole: bits beyond the count go
+  // out again as they came, but are no members, and growing the set brings in clear bits.
+  for (int n : {1, 5}) {
+    const std::string field = std::string("\0", 1) + char(n) + "\xFF\xFF";
+    EXPECT_EQ(readnetbits(field.data(), 4, &other), 4);
+    EXPECT_TRUE(setBitCount(other) == n && other[1] == 0xFFFF && setMembers(other) == n) << n;
+    EXPECT_TRUE((writenetbits(word, sizeof word, other), std::string(word, 4)) == field);
+    EXPECT_TRUE(setsEqual(other, set = makeSet(n, n == 1 ? Members{0} : Members{0, 1, 2, 3, 4})));
+    setbit(&other, 8, 1), freebits(&set);
+    EXPECT_EQ(members(other), (n == 1 ? Members{0, 8} : Members{0, 1, 2, 3, 4, 8})) << n;
+  }
+  EXPECT_EQ(readnetbits("\0\1\xFF\xFE", 4, &other), 4);  // bit 0 clear: no members, sent empty
+  EXPECT_TRUE(setIsEmpty(other) && writenetbits(word, sizeof word, other) == 4 && !word[1]);
   freebits(&set), freebits(&other);  // refused: oversize; sent as zero: empty sets
   std::vector<char> out(512, 'k'), in(512, 0);
   set = makeSet(2033, {2032});  // 258 bytes

@@ -2,8 +2,9 @@
 // item lists, whole messages with their header) and the reader (one item, a run of
 // items with their chains, a whole message).
 //
-// Divisions: field writers, the item writer, messages; field readers, group look-ahead,
-// the item reader in its four stretches, lists and messages.
+// Divisions: field writers, the item writer, messages; field readers, where value8
+// stands (the structure walk over the groups), the item reader in its four stretches,
+// lists and messages.
 #include "core/net/itemcodec.h"
 
 #include <arpa/inet.h>
@@ -11,6 +12,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <unordered_set>
+#include <vector>
 
 #include "core/base/base.h"
 #include "core/date/datetime.h"
@@ -268,9 +271,19 @@ int readSet(Buf *in, const Field &f, CalSet *set) {
   return 0;
 }
 
-// Peeks and requires the given tag (the fields of a group, the fixed sets).
+// "i", "d", "r", "l": fields of older peers, stepped over whole.
+bool isOldTag(char tag) { return tag == 'i' || tag == 'd' || tag == 'r' || tag == 'l'; }
+int skipOld(Buf *in, const Field &f) { return skipField(in, size_t(f.len) + 4); }
+
+// Peeks and requires the given tag (the fields of a group, the fixed sets), stepping
+// over older peers' fields in front of it: where a tagged field must stand, theirs can
+// be told from it.
 int expectField(Buf *in, char tag, Field *f) {
-  if (peekField(in, f) < 0) return -1;
+  for (;;) {
+    if (peekField(in, f) < 0) return -1;
+    if (!isOldTag(f->tag) || f->tag == tag) break;
+    if (skipOld(in, *f) < 0) return -1;
+  }
   if (f->tag != tag) return refuse("bad tag 0x%02x where '%c' belongs", uint8_t(f->tag), tag);
   return 0;
 }
@@ -287,40 +300,171 @@ int readTaggedNumber(Buf *in, char tag, int32_t *value) {
   return readNumber(in, f, value);
 }
 
-// "i", "d", "r", "l": fields of older peers, stepped over whole.
-int skipOld(Buf *in, const Field &f) { return skipField(in, size_t(f.len) + 4); }
+// A list entry is refused, not added, once its 16-bit count is full: a server must not
+// be able to end the process through the out-of-memory report.
+int roomFor(int16_t count, const char *what) {
+  if (count < ITEM_LIST_MAX) return 0;
+  return refuse("too many %s: more than %d", what, ITEM_LIST_MAX);
+}
 
-bool isOldTag(char tag) { return tag == 'i' || tag == 'd' || tag == 'r' || tag == 'l'; }
+/* ---- Where value8 stands -------------------------------------------------------- */
 
-/* ---- Group look-ahead ----------------------------------------------------------- */
+// A read-only walk over the fields behind the cursor (positions are offsets in data).
+// Strict: only what this writer makes (no older peers' fields, texts whose one NUL ends
+// them, sets of exactly their size, the tail in the writer's order with the peer's
+// gates). Loose: what the reader accepts.
+struct Scan {
+  const uint8_t *data;
+  size_t size;
+  bool strict;
+  bool two, four;  // the peer's gates
+};
 
-// The 32-bit word at byte `offset` behind the cursor, when it lies within the buffer.
-bool wordAhead(const Buf *in, size_t offset, uint32_t *word) {
-  size_t at = bufUsed(in) + offset;
-  if (in->data == nullptr || at + 4 > in->size) return false;
-  *word = getWord32(in->data + at);
+struct Span {
+  char tag;
+  uint32_t len;  // payload bytes
+  size_t at;     // payload offset
+  size_t next;   // offset of the field behind it
+};
+
+// The field at pos, when it passes ReadBuf's fit test.
+bool fieldAt(const Scan &s, size_t pos, Span *f) {
+  if (s.data == nullptr || pos + 4 > s.size) return false;
+  uint32_t word = getWord32(s.data + pos);
+  f->tag = char(word >> 24);
+  f->len = word & BUF_MAX_FIELD;
+  if (pos + f->len + 4 > s.size) return false;
+  f->at = pos + 4;
+  f->next = pos + 4 + size_t(roundUp(long(f->len), 4));
   return true;
 }
 
-// A popup group: "p" text, then "m" and "m" numbers. value8 and what follows it (a
-// "q", "c" or "I" field) never show two "m" words at those places.
-bool popupAhead(const Buf *in) {
-  uint32_t word, m1, m2;
-  if (!wordAhead(in, 0, &word) || (word >> 24) != 'p') return false;
-  size_t at = 4 + size_t(roundUp(long(word & BUF_MAX_FIELD), 4));
-  uint32_t m = bufTag('m') | 4;
-  return wordAhead(in, at, &m1) && m1 == m && wordAhead(in, at + 8, &m2) && m2 == m;
+// Takes the field at *pos (older peers' fields before it stepped over when loose) when
+// it carries `tag` and, if given, `len` bytes.
+bool take(const Scan &s, size_t *pos, char tag, Span *f, uint32_t len = 0) {
+  for (;; *pos = f->next) {
+    if (!fieldAt(s, *pos, f)) return false;
+    if (s.strict || f->tag == tag || !isOldTag(f->tag)) break;
+  }
+  if (f->tag != tag || (len != 0 && f->len != len)) return false;
+  *pos = f->next;
+  return true;
 }
 
-// An alarm group: "a" with 12 bytes, then an "e" text. value8 could only imitate that
-// with one exact time followed by a field that, read as value8's successor, is none of
-// "q", "c", "I"; both readings are checked.
-bool alarmAhead(const Buf *in) {
-  uint32_t word, text, next;
-  if (!wordAhead(in, 0, &word) || word != (bufTag('a') | ENTRY_WIRE)) return false;
-  if (!wordAhead(in, 16, &text) || (text >> 24) != 'e') return false;
-  if (!wordAhead(in, 8, &next)) return true;
-  return next != (bufTag('q') | ENTRY_WIRE) && next != (bufTag('I') | 4) && (next >> 24) != 'c';
+bool textOk(const Scan &s, const Span &f) {
+  if (!s.strict) return true;  // (the reader gives its own refusal)
+  const uint8_t *p = s.data + f.at;
+  return f.len > 0 && memchr(p, 0, f.len) == p + f.len - 1;
+}
+
+bool setOk(const Scan &s, const Span &f) {
+  if (!s.strict) return true;
+  if (f.len < 4) return false;
+  uint32_t n = uint32_t(s.data[f.at] << 8 | s.data[f.at + 1]);
+  return f.len == (n == 0 ? 4 : ((n + 15) / 16) * 2 + 2);
+}
+
+// The end of a popup group ("p" text, "m", "m", "b", and a second "b" for x.2+) at pos;
+// 0 when none stands there.
+size_t popupAt(const Scan &s, size_t pos) {
+  Span f;
+  if (!fieldAt(s, pos, &f) || f.tag != 'p' || !textOk(s, f)) return 0;
+  pos = f.next;
+  if (!take(s, &pos, 'm', &f, 4) || !take(s, &pos, 'm', &f, 4)) return 0;
+  if (!take(s, &pos, 'b', &f) || !setOk(s, f)) return 0;
+  if (s.two && (!take(s, &pos, 'b', &f) || !setOk(s, f))) return 0;
+  return pos;
+}
+
+// The end of an alarm group ("a" of 12 bytes, "e" text) at pos; 0 when none.
+size_t alarmAt(const Scan &s, size_t pos) {
+  Span f;
+  if (!fieldAt(s, pos, &f) || f.tag != 'a' || f.len != ENTRY_WIRE) return 0;
+  pos = f.next;
+  return take(s, &pos, 'e', &f) && textOk(s, f) ? pos : 0;
+}
+
+// Whether the writer's tail starts at pos: q entries, c/b entries (x.2+), I, H,
+// A G F E (x.2+), g k (x.4+), L when the link byte is set, z carrying it (or 0).
+bool writerTail(const Scan &s, size_t pos) {
+  Span f;
+  while (take(s, &pos, 'q', &f, ENTRY_WIRE)) {
+  }
+  while (s.two && take(s, &pos, 'c', &f)) {
+    if (!textOk(s, f) || !take(s, &pos, 'b', &f) || !setOk(s, f)) return false;
+  }
+  for (const char *t = s.four ? "IHAGFEgk" : s.two ? "IHAGFE" : "IH"; *t != '\0'; t++) {
+    if (!take(s, &pos, *t, &f, *t == 'g' || *t == 'k' ? 1 : 4)) return false;
+  }
+  uint32_t link = 0;
+  if (take(s, &pos, 'L', &f, 4)) {
+    link = getWord32(s.data + f.at);
+    if (link == 0 || link > 0xFF) return false;
+  }
+  return take(s, &pos, 'z', &f, 4) && getWord32(s.data + f.at) == link;
+}
+
+// Whether tagged fields the reader takes behind value8 run from pos to a "z". `dead`
+// holds positions known to lead nowhere, so that trying many places stays linear.
+bool looseTail(const Scan &s, size_t pos, std::unordered_set<size_t> *dead) {
+  std::vector<size_t> seen;
+  Span f;
+  bool ok = false;
+  while (dead->count(pos) == 0 && fieldAt(s, pos, &f)) {
+    seen.push_back(pos);
+    pos = f.next;
+    uint32_t want = f.tag == 'q' ? ENTRY_WIRE : f.tag == 'g' || f.tag == 'k' ? 1 : 4;
+    if (strchr("qgkIHAGFELz", f.tag) != nullptr && f.tag != '\0') {
+      if (f.len != want) break;
+      ok = f.tag == 'z';
+      if (ok) break;
+    } else if (f.tag == 'c') {
+      if (f.len == 0 || !take(s, &pos, 'b', &f) || f.len == 0 || f.len > NETBITS_MAX) break;
+    } else if (!isOldTag(f.tag)) {
+      break;
+    }
+  }
+  if (!ok) dead->insert(seen.begin(), seen.end());
+  return ok;
+}
+
+// The group shapes in a row from `from`: *np popup groups, then *na alarm groups, the
+// place of each after the first going to *stops when given. Returns the end of the last.
+size_t walkGroups(const Scan &s, size_t from, int *np, int *na, std::vector<size_t> *stops) {
+  size_t at = from, end;
+  *np = *na = 0;
+  for (int *count : {np, na}) {
+    for (; (end = count == np ? popupAt(s, at) : alarmAt(s, at)) != 0; at = end, ++*count) {
+      if (stops != nullptr) stops->push_back(end);
+    }
+  }
+  return at;
+}
+
+// How many popup and alarm groups stand before value8. No count travels for them and
+// value8 is 8 bytes of any value, so the groups are found by structure: the group
+// shapes in a row from the cursor give the places where value8 may stand, and the
+// last place behind which a whole tail follows is taken. The writer's own form is
+// tried first; only when it fits nowhere are older peers' fields and any tail order
+// allowed. When nothing fits, every group found is read and the read fails where the
+// item breaks.
+void countGroups(const Buf *in, int *popups, int *alarms) {
+  Scan s{in->data, in->size, true, peerAtLeast(in, 2), peerAtLeast(in, 4)};
+  std::unordered_set<size_t> dead;
+  auto fits = [&](size_t at) { return s.strict ? writerTail(s, at + 8) : looseTail(s, at + 8, &dead); };
+  for (int pass = 0; pass < 2; pass++, s.strict = false) {
+    // Every group found is the common answer: tried before a list of places is kept.
+    if (fits(walkGroups(s, bufUsed(in), popups, alarms, nullptr))) return;
+    std::vector<size_t> stops{bufUsed(in)};
+    walkGroups(s, bufUsed(in), popups, alarms, &stops);
+    for (int t = int(stops.size()) - 2; t >= 0; t--) {
+      if (fits(stops[size_t(t)])) {
+        *alarms = t > *popups ? t - *popups : 0;
+        *popups = t - *alarms;
+        return;
+      }
+    }
+  }
 }
 
 /* ---- The item reader, in its four stretches ------------------------------------- */
@@ -366,6 +510,7 @@ int readSevenSets(Buf *in, Item *item) {
 }
 
 int readPopup(Buf *in, Item *item) {
+  if (roomFor(item->popupCount, "popup notes") < 0) return -1;
   Popup *p = addPopup(item);
   Field f;
   if (expectField(in, 'p', &f) < 0 || readText(in, f, "popup title", &p->title) < 0) return -1;
@@ -377,6 +522,7 @@ int readPopup(Buf *in, Item *item) {
 }
 
 int readAlarm(Buf *in, Item *item) {
+  if (roomFor(item->listBCount, "alarms") < 0) return -1;
   Alarm *a = addAlarmEntry(item);
   Field f;
   int32_t words[3];
@@ -395,10 +541,12 @@ int readAlarm(Buf *in, Item *item) {
 // After the time value: the seven sets, the popup groups, the alarm groups, value8.
 int readMiddle(Buf *in, Item *item) {
   if (readSevenSets(in, item) < 0) return -1;
-  while (popupAhead(in)) {
+  int popups = 0, alarms = 0;
+  countGroups(in, &popups, &alarms);
+  for (int i = 0; i < popups; i++) {
     if (readPopup(in, item) < 0) return -1;
   }
-  while (alarmAhead(in)) {
+  for (int i = 0; i < alarms; i++) {
     if (readAlarm(in, item) < 0) return -1;
   }
   return readDateTime(in, &item->value8);
@@ -406,6 +554,7 @@ int readMiddle(Buf *in, Item *item) {
 
 int readUserTime(Buf *in, const Field &f, Item *item) {
   uint8_t bytes[ENTRY_WIRE];
+  if (roomFor(item->listCCount, "user times") < 0) return -1;
   if (readExact(in, f, bytes, sizeof bytes, 1) < 0) return -1;
   UserTime *u = addUserTime(item);
   u->user = int32_t(getWord32(bytes));
@@ -414,6 +563,7 @@ int readUserTime(Buf *in, const Field &f, Item *item) {
 }
 
 int readLabel(Buf *in, const Field &f, Item *item) {
+  if (roomFor(item->listDCount, "labels") < 0) return -1;
   LabelSet *l = addLabelSet(item);
   if (readText(in, f, nullptr, &l->label) < 0) return -1;
   return readTaggedSet(in, 'b', &l->set);

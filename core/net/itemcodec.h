@@ -21,15 +21,21 @@
 // The reader is strict about order once "W" is read: the time value right behind it,
 // the seven sets in their order, the popup groups, the alarm groups, value8, then
 // tagged fields in any order up to "z". Before "W" the fields may come in any order.
-// "i", "d", "r" and "l" (written by older peers) are accepted in the tagged runs and
-// skipped. An empty field (length 0, which StuffBuf never writes) is refused.
+// "i", "d", "r" and "l" (written by older peers) are stepped over wherever a tagged
+// field must stand: before "W", between the seven sets, inside a popup or alarm group
+// and behind value8. Between groups value8 may stand instead, and its 8 bytes could
+// read as such a field, so there they are not taken. An empty field (length 0, which
+// StuffBuf never writes) is refused.
 //
 // No count travels for the popup and alarm groups, and value8 is 8 bytes of any value,
-// so where value8 stands is found by look-ahead: a group is taken only when the tag
-// words of the whole group line up ("p", then "m" and "m"; "a" of 12 bytes, then "e",
-// with no "q", "c" or "I" where value8's successor would stand). Only a value8 whose
-// time reads as such a tag word (one second of 27 July 2021 for "a", the six months
-// from 18 July 2029 for "p") and whose following bytes complete the group is misread.
+// so how many groups stand before value8 is decided by structure, never by the value a
+// word holds: the group shapes in a row give the places where value8 may stand, and
+// the reader takes the last one behind which a whole item tail in this writer's form
+// follows (entries, then I, H and the fields the peer's version carries, then L when
+// set and z carrying it). Only when no place fits the writer's form are older peers'
+// fields and any tail order allowed. So every item this writer makes reads back.
+// An item is refused (not the process ended) when one of its four lists would exceed
+// ITEM_LIST_MAX entries, the most its 16-bit count holds.
 //
 // Sets travel in the bit encoding (writenetbits) as bytes. Version gates read the
 // peer's version kept in the buffer; a gate on the second number also needs the first

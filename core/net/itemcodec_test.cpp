@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <string>
+#include <vector>
 #include "core/items/item.h"
 #include "core/net/buf.h"
 #include "core/net/namelookup.h"
@@ -140,6 +142,81 @@ TEST(Codec, EachPeerVersionGetsItsFieldsInOrderAndReadsThemBackSkippingOldOnes) 
   StuffBuf(b, w.data(), tail, 1, BUF_UNTAGGED), StuffBuf(b, "abcdef", 7, 1, bufTag('r'));
   StuffBuf(b, &v, 4, 4, bufTag('l')), StuffBuf(b, w.data() + tail, 8, 1, BUF_UNTAGGED);
   EXPECT_EQ(readBack(b), w);
+  // ... and between the seven sets and inside the popup and alarm groups, in turn.
+  const std::string full = wire(fullItem().get());
+  for (char old : std::string("idrl")) {
+    BufPtr mixed = peerBuf(1, 6);
+    for (size_t at = 0, phase = 0; at < full.size();) {  // phase 1: the groups, 2: value8 on
+      uint32_t word = getWord32(full.data() + at);
+      char tag = char(word >> 24);
+      phase += phase == 1 && !strchr("pmbae", tag);
+      size_t len = phase == 2 ? 8 : 4 + size_t(roundUp(word & 0xffffff, 4)) + (tag == 'W' ? 16 : 0);
+      if (phase < 2 && strchr("YNSRCXMmbe", tag)) StuffBuf(mixed.get(), "old", 4, 1, bufTag(old));
+      StuffBuf(mixed.get(), full.data() + at, len, 1, BUF_UNTAGGED);
+      phase += phase == 0 && tag == 'M', phase += phase == 2, at += len;
+    }
+    EXPECT_EQ(readBack(mixed.get()), full) << old;
+  }
+}
+
+// Writes `item` for the peer, reads it back and writes that again: the same bytes, and
+// the reader stopped where the writer did.
+bool roundTrips(const Item *item, int major, int minor) {
+  BufPtr first = peerBuf(major, minor), second = peerBuf(major, minor);
+  writeEvent(first.get(), item);
+  size_t written = bufUsed(first.get());
+  rewindBuf(first.get());
+  ItemPtr back = newItem();
+  if (readEvent(first.get(), back.get()) != 0 || bufUsed(first.get()) != written) return false;
+  writeEvent(second.get(), back.get());
+  return bytesOf(second.get()) == std::string((const char *)first->data, written);
+}
+
+TEST(Codec, EveryItemTheWriterMakesReadsBackWhateverItsNumbersLookLike) {
+  // Alarm starts (and other untagged or payload words) that read as tag words.
+  const uint32_t tricky[] = {0x63000010, 0x63FFFFFF, 0x7100000C, 0x49000004, 0x6100000C,
+                             0x65000004, 0x6500000C, 0x7A000004, 0x70000008, 0x6D000004,
+                             0x69000004, 0x62000004, 0x48000004, 0};
+  for (uint32_t t : tricky) {
+    for (int16_t entries : {0, 1, 2}) {
+      ItemPtr item = fullItem();
+      for (int i = 0; i < 2; i++) item->listB[i].start = item->listB[i].freq = t;
+      item->value8.time = item->listC[0].when.time = item->listC[1].user = int32_t(t);
+      item->hNumber = item->aNumber = int32_t(t);
+      item->popupCount = item->listCCount = entries;
+      EXPECT_TRUE(roundTrips(item.get(), 1, 6)) << std::hex << t << " " << entries;
+      item->listBCount = entries;
+      EXPECT_TRUE(roundTrips(item.get(), 1, 1)) << std::hex << t << " " << entries;
+      item->popupCount = item->listBCount = item->listCCount = 2;  // (all freed)
+    }
+  }
+  // Random items whose words come mostly from tag words of every letter the reader knows.
+  std::mt19937 rng(20240607);
+  std::vector<uint32_t> pool;
+  for (char c : std::string("pmabeqcbIHAGFEgkLzidrlYW"))
+    for (uint32_t len : {1u, 2u, 4u, 8u, 12u, 16u, 20u, 24u}) pool.push_back(bufTag(c) | len);
+  auto word = [&] { return rng() % 4 == 0 ? uint32_t(rng()) : pool[rng() % pool.size()]; };
+  auto text = [&] {
+    static const char *const texts[] = {"", "e", "abc", "abcdefgh", "q\x01\x02", "zzzzzzzzzzzz"};
+    return strdup(texts[rng() % 6]);
+  };
+  const int peers[][2] = {{1, 6}, {1, 1}, {1, 2}, {1, 4}, {0, 6}};
+  for (int n = 0; n < 3000; n++) {
+    ItemPtr it = newItem();
+    for (int i = int(rng() % 3); i > 0; i--)
+      *addPopup(it.get()) = {text(), int32_t(word()), int32_t(word()), makeSet({int(rng() % 40)}), nullptr};
+    for (int i = int(rng() % 4); i > 0; i--)
+      *addAlarmEntry(it.get()) = {int32_t(word()), word(), word(), rng() % 3 ? text() : nullptr};
+    for (int i = int(rng() % 4); i > 0; i--)
+      *addUserTime(it.get()) = {int32_t(word()), {int32_t(word()), uint16_t(word()), uint16_t(word())}};
+    for (int i = int(rng() % 3); i > 0; i--) *addLabelSet(it.get()) = {text(), makeSet({int(rng() % 9)})};
+    it->value8 = {int32_t(word()), uint16_t(word() >> 16), uint16_t(word())};
+    it->timeValue.end.time = int32_t(word());
+    it->randomId = int32_t(word()), it->hNumber = int32_t(word()), it->gNumber = int32_t(word());
+    it->linkByte = uint8_t(rng() % 2 ? 0 : word());
+    const int *peer = peers[n % 5];
+    ASSERT_TRUE(roundTrips(it.get(), peer[0], peer[1])) << "item " << n;
+  }
 }
 
 TEST(Codec, RefusesLongTitlesUnknownTagsMisplacedFieldsBadSizesAndCuts) {
@@ -188,6 +265,43 @@ TEST(Codec, RefusesLongTitlesUnknownTagsMisplacedFieldsBadSizesAndCuts) {
     EXPECT_EQ(err, c.message) << c.tag << c.len;
   }
 }
+// The wire of `item` with the run of fields that starts at the first `first` field (and
+// goes on while the tags are in `more`) standing `times` times.
+std::string repeatRun(const Item *item, char first, const char *more, int times) {
+  const std::string w = wire(item);
+  size_t at = 0, from = 0;
+  for (bool in = false; at < w.size();) {
+    uint32_t word = getWord32(w.data() + at);
+    char tag = char(word >> 24);
+    if (in && (tag == first || !strchr(more, tag))) break;
+    if (!in && tag == first) in = true, from = at;
+    at += 4 + size_t(roundUp(word & 0xffffff, 4)) + (tag == 'W' ? 16 : 0);
+  }
+  std::string out = w.substr(0, from);
+  for (int i = 0; i < times; i++) out += w.substr(from, at - from);
+  return out + w.substr(at);
+}
+
+TEST(Codec, ListsPastTheirSixteenBitCountRefuseTheItemInsteadOfEndingTheProcess) {
+  ItemPtr item = fullItem();
+  item->popupCount = item->listBCount = item->listCCount = item->listDCount = 1;
+  item->value8.time = int32_t(bufTag(' ') | 4);  // (walked over as a field of 4 bytes)
+  struct Row { char first; const char *more; const char *what; } rows[] = {
+      {'p', "mb", "popup notes"}, {'a', "e", "alarms"}, {'q', "", "user times"}, {'c', "b", "labels"}};
+  for (const Row &r : rows) {
+    for (int times : {int(ITEM_LIST_MAX), ITEM_LIST_MAX + 1}) {
+      std::string bytes = repeatRun(item.get(), r.first, r.more, times);
+      BufPtr buf = peerBuf(1, 6);
+      StuffBuf(buf.get(), bytes.data(), bytes.size(), 1, BUF_UNTAGGED);
+      std::string err;
+      EXPECT_EQ(readCapturing(buf.get(), &err), times == ITEM_LIST_MAX ? 0 : -1) << r.what;
+      EXPECT_EQ(err, times == ITEM_LIST_MAX ? ""
+                     : "readEvent: too many " + std::string(r.what) + ": more than 32767\n");
+    }
+  }
+  item->popupCount = item->listBCount = item->listCCount = item->listDCount = 2;
+}
+
 struct ItemList {  // a list head that frees its items
   Item head;
   ItemList() { evlistInit(&head); }

@@ -32,7 +32,7 @@ static LinkRefreshHook refreshHook;    // runs on a context after a 218 reply
 static constexpr unsigned READ_ALARM = 150;   // seconds, no-wait mode, per wait and read
 static constexpr unsigned WRITE_ALARM = 450;  // seconds, no-wait mode, per write loop
 static constexpr int WRITE_STALLS = 10;       // stalls in a row before a send gives up
-static constexpr int READ_STALLS = 20;        // spurious wake-ups before a read gives up
+static constexpr int READ_STALLS = 20;        // wake-ups without data in a row end a read
 static constexpr size_t WRITE_CHUNK = 8192;
 
 void setNoWaitMode(bool on) { noWait = on; }
@@ -464,6 +464,7 @@ int ReadFromSocket(ServerLink *link, int waitMs) {
     }
     if (r < 0) return readFailure(errno);
     if (n == 0) return got == 0 ? LINK_LOST_REPLY : LINK_GENERAL;
+    setBufStatus(buf, 0);  // only wake-ups in a row count: a long reply may meet many
     got += static_cast<size_t>(n);
     if (want == 0 && got >= size_t(MSG_HEADER_SIZE)) {
       r = takeHeader(buf, got, &want);

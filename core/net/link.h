@@ -131,7 +131,10 @@ int SendMsgToServer(ServerLink *link);
 // The send loop: writes len bytes of buf, waiting up to waitMs for room each time;
 // ten stalls in a row (a second apart) give LINK_TIMEOUT after "doWrite: EWOULDBLOCK".
 int doWrite(int sock, Buf *buf, size_t len, int waitMs);
-// Reads one whole reply into the request buffer and checks its header. Returns 0,
+// Reads one whole reply into the request buffer and checks its header: a length of 0
+// gives "Zero buf size", one of 1 to 11 or above 16,000,000 "Unknown error<length>";
+// a failed wait "read select: <error>". Twenty wake-ups in a row that find no data end
+// the read (LINK_GENERAL); any read with data starts that count afresh. Returns 0,
 // LINK_BAD_VERSION, LINK_BAD_MAGIC, LINK_NO_HEADER, LINK_GENERAL, LINK_LOST_REPLY,
 // LINK_TIMEOUT, LINK_TRUNCATED or a read errno.
 int ReadFromSocket(ServerLink *link, int waitMs);

@@ -95,6 +95,11 @@ TEST_F(LinkTest, ReadsAWholeReplyInManyReadsAndSplitsItsFields) {
 TEST_F(LinkTest, BadRepliesGiveTheirResultsAndTextsAndDropTheConnection) {
   CalStep zero = calReply();
   zero.zeroLength = true;
+  auto announcing = [](int64_t length) {  // a reply whose header gives `length`
+    CalStep step = calReply({calText("0123456789abcdef")});
+    step.announce = length;
+    return step;
+  };
   struct { CalStep step; int want; const char *text; } cases[] = {
       {headed(0, 1), 0, ""},  // the first version number may be 2 off, the second any
       {headed(3, 9), 0, ""},
@@ -103,6 +108,10 @@ TEST_F(LinkTest, BadRepliesGiveTheirResultsAndTextsAndDropTheConnection) {
       {headed(4, 9, 0x12345678), LINK_BAD_VERSION, "Incompatible client version\n"},  // the version is judged first
       {headed(1, 6, 0xDEADBEEE), LINK_BAD_MAGIC, "Bad magic number\n"},
       {zero, LINK_NO_HEADER, "Zero buf size\n"},
+      {announcing(1), LINK_GENERAL, "Unknown error1\n"},  // shorter than a header
+      {announcing(11), LINK_GENERAL, "Unknown error11\n"},
+      {announcing(16000001), LINK_GENERAL, "Unknown error16000001\n"},  // past the largest growth
+      {announcing(16000000), LINK_TIMEOUT, ""},  // taken: the rest never comes
       {calAction(CAL_OVERLONG), LINK_TRUNCATED, "net input truncated\n"},
       {calAction(CAL_TRUNCATE), LINK_GENERAL, ""},
       {calAction(CAL_CLOSE), LINK_LOST_REPLY, ""},

@@ -112,6 +112,7 @@ static constexpr int ENDED_BY_218 = 1;
 template <class Body>
 static int remoteCall(ServerLink *link, Call call, RemReply *reply, Body body) {
   int budget = 2;
+  int busyWaits = 0;
   for (;;) {
     startRequest(link, call.code);
     if (!body(link->req)) {
@@ -135,6 +136,13 @@ static int remoteCall(ServerLink *link, Call call, RemReply *reply, Body body) {
     int code = reply->fields[0].number;
     if (code == REPLY_BUSY) {
       if (noWaitMode()) return -1;
+      // A server that stays busy must not hold the client forever: after the last
+      // wait the call fails as a lost connection does.
+      if (busyWaits == REMOTE_BUSY_WAITS) {
+        fprintf(stderr, "%s: server still busy after %d waits\n", call.name, busyWaits);
+        return -1;
+      }
+      busyWaits++;
       pauseSeconds(REMOTE_RETRY_WAIT);
       continue;
     }

@@ -17,8 +17,10 @@
 //
 // The reply is read as a list of typed fields, the reply code first (link.h). Every call
 // has the same shape: up to 2 resends when a reply is lost (-100); a busy reply (217) is
-// waited out 5 seconds at a time (failing at once in no-wait mode); other failures show
-// the loss message once and fail. Reply 218 carries a new server value (the seventh
+// waited out 5 seconds at a time, at most REMOTE_BUSY_WAITS (24) times, two minutes in
+// all: the busy reply after the last wait fails the call with
+// "<call>: server still busy after 24 waits" (no-wait mode fails at the first busy
+// reply); other failures show the loss message once and fail. Reply 218 carries a new server value (the seventh
 // field) for the calls that handle it; they then succeed. Otherwise the reply code must
 // be the request code plus 100.
 //
@@ -40,7 +42,8 @@ inline constexpr int FIELD_ITEM = 54;
 inline constexpr int FIELD_ALARM_DEFAULT = 7;
 inline constexpr int FIELD_BOOK = 58;
 inline constexpr int FIELD_BOOK_EMPTY = 59;
-inline constexpr int REMOTE_RETRY_WAIT = 5;  // seconds between busy replies
+inline constexpr int REMOTE_RETRY_WAIT = 5;   // seconds between busy replies
+inline constexpr int REMOTE_BUSY_WAITS = 24;  // waits for one call before it gives up
 
 // Which items a search asks for.
 struct ItemQuery {

@@ -141,6 +141,19 @@ TEST_F(RemoteTest, LostRepliesAreResentTwiceLostServersReportedAndBusyRepliesWai
   ASSERT_EQ(reply.fields.size(), 2u);
   EXPECT_EQ(std::to_string(reply.fields[0].number) + reply.fields[1].bytes, std::string("226done", 8));
   EXPECT_EQ(calRequests(&server).size(), 10u);
+  // A server busy for good: 24 waits, then the call fails; one busy answer fewer passes.
+  for (int busy : {REMOTE_BUSY_WAITS + 1, REMOTE_BUSY_WAITS}) {
+    pauses.clear();
+    calScript(&server, std::vector<CalStep>(size_t(busy), calBusy()));
+    calScript(&server, {calReply()});
+    CaptureStderr();
+    EXPECT_EQ(RemMkDir(link, "d", nullptr), busy > REMOTE_BUSY_WAITS ? -1 : 0);
+    EXPECT_EQ(GetCapturedStderr(), busy > REMOTE_BUSY_WAITS ? "RemMkDir: server still busy after 24 waits\n" : "");
+    EXPECT_EQ(pauses, Pauses(REMOTE_BUSY_WAITS, 5));
+    if (busy > REMOTE_BUSY_WAITS) {
+      EXPECT_EQ(RemMkDir(link, "d", nullptr), 0);  // (the reply left over)
+    }
+  }
 }
 TEST_F(RemoteTest, NoWaitModeFailsOnBusyAndSendsMinusOneAsServerValue) {
   setNoWaitMode(true);
