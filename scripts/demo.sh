@@ -1,10 +1,12 @@
 #!/bin/bash
-# demo.sh [--serve] -- the gateway end to end: installs what is missing, builds webquorvel
-# and the sample web agent (Release), lays out ./demo-root (cgi-bin/webquorvel beside
-# htdocs/tmp/), starts the agent in demo mode and lighttpd on free loopback ports, makes
-# one real request through the web server with curl, and prints the page and the files
-# the gateway wrote. Exits 0 when all of that worked. With --serve it keeps serving and
-# prints the URL to open in a browser; Ctrl-C stops everything.
+# demo.sh [--serve] -- the gateway end to end: installs what is missing, builds webquorvel,
+# the sample web agent and sample_calendar (Release), writes a small calendar database
+# for this month (./demo-root/calendar: four calendars, a month of items, permissions,
+# holidays, class looks), lays out ./demo-root (cgi-bin/webquorvel beside htdocs/tmp/),
+# starts the agent in calendar mode and lighttpd on free loopback ports, makes one real
+# request for the month view through the web server with curl, and prints the page and
+# the files the gateway wrote, then the URL of the month view. Exits 0 when all of that
+# worked. With --serve it keeps serving; Ctrl-C stops everything.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$(pwd)
@@ -21,8 +23,8 @@ build=$top/build-demo
 # Release at -O2, as distributions build it (GCC 12 at -O3 raises false alarms under -Werror).
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQV_TESTS=OFF \
   -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" -DCMAKE_C_FLAGS_RELEASE="-O2 -DNDEBUG" >/dev/null
-ninja -C "$build" webquorvel sample_agent >/dev/null
-echo "== built $build/gateway/webquorvel and $build/testing/sample_agent"
+ninja -C "$build" webquorvel sample_agent sample_calendar >/dev/null
+echo "== built $build/gateway/webquorvel, $build/testing/sample_agent and sample_calendar"
 
 root=$top/demo-root
 rm -rf "$root"
@@ -64,8 +66,8 @@ await_port() {
 start_agent() {
   local pid i port=""
   rm -f "$root/log/agent.port"
-  "$build/testing/sample_agent" --mode demo --port 0 --port-file "$root/log/agent.port" \
-    >"$root/log/agent.log" 2>&1 &
+  "$build/testing/sample_agent" --mode calendar --database "$root/calendar" --port 0 \
+    --port-file "$root/log/agent.port" >"$root/log/agent.log" 2>&1 &
   pid=$!
   pids+=("$pid")
   for i in $(seq 100); do
@@ -96,11 +98,15 @@ start_lighttpd() {
 }
 
 mkdir -p "$root/log"
+month=$(date +%Y-%m)
+"$build/testing/sample_calendar" "$root/calendar" "${month%-*}" "$((10#${month#*-}))"
+echo "== calendar database $root/calendar: ann, bob, carol, office; items of $month"
 start_agent
 start_lighttpd
 echo "== web root $root: cgi-bin/webquorvel beside htdocs/ (with tmp/)"
 echo "== sample agent on 127.0.0.1 port $((3726 + agent_n)); lighttpd on 127.0.0.1 port $http_port"
-url="http://127.0.0.1:$http_port/cgi-bin/webquorvel?dn=127.0.0.1:$agent_n&lan=En_US&rpt=/icons"
+base="http://127.0.0.1:$http_port/cgi-bin/webquorvel?dn=127.0.0.1:$agent_n&lan=En_US&rpt=/icons"
+url="$base&view=month&user=ann&date=$month"
 
 echo "== request: GET $url"
 status=$(curl -sS -o "$root/log/page.out" -D "$root/log/page.head" -w '%{http_code}' "$url")
@@ -120,11 +126,16 @@ while IFS=$'\t' read -r size path; do
   [ "$got" = "200 $size" ] || { echo "demo: /$path served as '$got', expected '200 $size'" >&2; exit 1; }
 done <<<"$files"
 echo "== every file is served back by lighttpd"
+grep -q "Calendar of Ann Archer" "$root/log/page.out" || { echo "demo: no calendar on the page" >&2; exit 1; }
 
-if [ "$serve" = 1 ]; then
-  echo
-  echo "Serving. Open this URL in a browser (Ctrl-C stops):"
-  echo "  $url"
+echo
+echo "The month view of ann's calendar (add &as=bob to read it with bob's rights, who may"
+echo "not see her private items; &as=carol may; view=week or view=day with date=YYYY-MM-DD):"
+echo "  $url"
+if [ "$serve" = 0 ]; then
+  echo "(bash scripts/demo.sh --serve keeps it serving for a browser)"
+else
+  echo "Serving. Open the URL in a browser (Ctrl-C stops)."
   wait "${pids[@]}"
 fi
 exit 0

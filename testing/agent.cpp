@@ -1,6 +1,7 @@
 // agent.cpp -- the sample web agent: its own message encoder and decoder, the demo
 // reply, and the loopback server that answers each connection by its script.
 #include "testing/agent.h"
+#include "testing/calendar_view.h"
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
@@ -64,14 +65,6 @@ static int decodeAgentMessage(const std::string &msg, std::vector<AgentPair> *pa
   return at == msg.size() ? 0 : -1;
 }
 
-static std::string htmlEscape(const std::string &text) {
-  std::string out;
-  for (char c : text)
-    out += c == '<' ? "&lt;" : c == '>' ? "&gt;" : c == '&' ? "&amp;" : c == '"' ? "&quot;"
-                                                                       : std::string(1, c);
-  return out;
-}
-
 // One table row per key=value field of the query.
 static std::string queryRows(const std::string &query) {
   std::string rows, field;
@@ -130,6 +123,7 @@ static std::string agentReplyBytes(const AgentScript &script, const std::string 
       return encodeAgentMessage({{std::string(257, 'n'), "x"}, {"", demoPage(query)}});
     case AgentMode::ExtraBytes: return encodeAgentMessage(pairs) + std::string("more", 4);
     case AgentMode::Raw: return script.raw;
+    case AgentMode::Calendar: return encodeAgentMessage(calendarReply(script.database, query));
     case AgentMode::Oversize: {  // the header of one pair, announcing 0x100001 bytes
       std::string header = encodeAgentMessage({AgentPair{}}).substr(0, 8);
       return putWord(&header, 0x100001), header;

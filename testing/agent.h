@@ -26,6 +26,12 @@
 //                 extra-bytes (four bytes past the announced total), close (closes
 //                 without answering), silent (never answers), drip (the demo reply a
 //                 few bytes per write, --drip BYTES, default 7), no-read (never reads)
+//                 calendar: the calendar views of the database at --database ROOT
+//                 (calendar_view.h), chosen by the query's keys:
+//                   view=day|week|month  user=NAME  date=YYYY-MM-DD or YYYY-MM  as=NAME
+//                 e.g. view=month&user=ann&date=2026-11&as=bob: ann's November read
+//                 with bob's rights; a page plus tmp/overview-<user>-<yyyy>-<mm>.svg
+//   --database R  calendar mode: the installation root holding db/users and db/database
 //   --count K     serve K connections, then exit 0 (default: until killed)
 //   --port-file F write the port number and a line end to F once listening
 //
@@ -65,6 +71,7 @@ enum class AgentMode {
   Drip,        // the pairs (or the demo reply) script.dripBytes bytes per write
   Raw,         // exactly script.raw, whatever it holds
   NoRead,      // never reads, never answers (holds until stopped): the sender stalls
+  Calendar,    // the calendar view the query asks for, from the database at script.database
 };
 
 struct AgentScript {
@@ -75,6 +82,7 @@ struct AgentScript {
   size_t dripBytes = 7;          // Drip
   unsigned dripPauseMicros = 500;  // Drip: the pause after each piece
   std::string raw;               // Raw
+  std::string database;          // Calendar: the installation root of the database
   AgentScript(AgentMode m = AgentMode::Demo, std::vector<AgentPair> p = {}) : mode(m), pairs(p) {}
 };
 

@@ -11,17 +11,20 @@ namespace quorvel::webagent {
 static const char USAGE[] =
     "usage: sample_agent [--port P | --offset N] [--mode MODE] [--files N] [--size BYTES]\n"
     "                    [--pair NAME=CONTENTS]... [--drip BYTES] [--count K] [--port-file F]\n"
+    "                    [--database ROOT]\n"
     "  A sample Quorvel web agent on 127.0.0.1 for tests and demos.\n"
     "  --port P       listen on port P (0: a free port); default --offset 0 (port 3726)\n"
     "  --offset N     listen on 3726 + N (the gateway's query says dn=host:N)\n"
     "  --mode MODE    demo (default) | files | pairs | bad-magic | oversize | long-name |\n"
-    "                 extra-bytes | close | silent | drip | no-read\n"
+    "                 extra-bytes | close | silent | drip | no-read | calendar\n"
     "  --files N      files mode: N files tmp/file-<i>.txt, plus a page\n"
     "  --size BYTES   files mode: bytes per file (default 1024)\n"
     "  --pair N=C     pairs mode: one reply pair (N empty: the page); repeatable\n"
     "  --drip BYTES   drip mode: bytes per write (default 7)\n"
     "  --count K      serve K connections, then exit (default: until killed)\n"
     "  --port-file F  write the port number to F once listening\n"
+    "  --database R   calendar mode: the database root (R/db/users, R/db/database/);\n"
+    "                 query view=day|week|month&user=NAME&date=YYYY-MM[-DD][&as=NAME]\n"
     "  Once listening it prints: sample_agent: listening on 127.0.0.1 port P offset N\n";
 
 static const struct { const char *name; AgentMode mode; } MODES[] = {
@@ -29,7 +32,7 @@ static const struct { const char *name; AgentMode mode; } MODES[] = {
     {"bad-magic", AgentMode::BadMagic}, {"oversize", AgentMode::Oversize},
     {"long-name", AgentMode::LongName}, {"extra-bytes", AgentMode::ExtraBytes},
     {"close", AgentMode::CloseEarly}, {"silent", AgentMode::Silent}, {"drip", AgentMode::Drip},
-    {"no-read", AgentMode::NoRead},
+    {"no-read", AgentMode::NoRead}, {"calendar", AgentMode::Calendar},
 };
 
 struct CliOptions {
@@ -49,6 +52,12 @@ static bool applyOption(CliOptions *o, const char *opt, const char *value) {
     return false;
   }
   if (strcmp(opt, "--port-file") == 0) return (o->portFile = value), true;
+  if (strcmp(opt, "--database") == 0) {  // by full path: the core resolves from it
+    char *full = realpath(value, nullptr);
+    o->script.database = full != nullptr ? full : value;
+    free(full);
+    return true;
+  }
   if (strcmp(opt, "--pair") == 0) {
     const char *eq = strchr(value, '=');
     if (!eq) return false;
@@ -74,6 +83,8 @@ int sampleAgentMain(int argc, char **argv) {
     if (i + 1 >= argc || !applyOption(&o, argv[i], argv[i + 1]))
       return fprintf(stderr, "sample_agent: bad option %s\n%s", argv[i], USAGE), 2;
   }
+  if (o.script.mode == AgentMode::Calendar && o.script.database.empty())
+    return fprintf(stderr, "sample_agent: calendar mode needs --database ROOT\n%s", USAGE), 2;
   signal(SIGPIPE, SIG_IGN);
   SampleAgent agent;
   agent.announce = true;
