@@ -1,6 +1,8 @@
 # install.cmake -- what `cmake --install` puts under the prefix, and how another project
 # finds it:
 #   bin/webquorvel                           the CGI program (copy it into cgi-bin/)
+#   bin/quorvel-admin, bin/sample_agent,     the administrator's tool, the sample web
+#   bin/sample_calendar                      agent and its sample database writer
 #   lib/libqv_*.a                            the core's static libraries
 #   include/quorvel/core/<subsystem>/*.h     the public headers; a client adds
 #                                            include/quorvel to its path and writes
@@ -57,9 +59,13 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/quorvel.pc.in ${CMAKE_CURRENT_BINARY_DI
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/quorvel.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-if(TARGET webquorvel)
-  install(TARGETS webquorvel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-endif()
+# The programs: the gateway, the administrator's tool, and the sample web agent with the
+# writer of its sample calendar database (to try a deployment before the real agent).
+foreach(program webquorvel sample_agent sample_calendar)
+  if(TARGET ${program})
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  endif()
+endforeach()
 if(EXISTS ${PROJECT_SOURCE_DIR}/htdocs/icons)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/htdocs/icons
           DESTINATION ${CMAKE_INSTALL_DATADIR}/quorvel/htdocs)

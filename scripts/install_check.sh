@@ -10,13 +10,17 @@ work="$(mktemp -d /tmp/qvinstall.XXXXXX)"
 trap 'rm -rf "$work"' EXIT
 
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
-for f in bin/webquorvel lib/libqv_base.a lib/cmake/quorvel/quorvelConfig.cmake \
+for f in bin/webquorvel bin/quorvel-admin bin/sample_agent lib/libqv_base.a lib/libqv_print.a lib/cmake/quorvel/quorvelConfig.cmake \
          lib/pkgconfig/quorvel.pc include/quorvel/core/db/recordfile.h; do
   [ -e "$work/prefix/$f" ] || { echo "install_check: $f was not installed"; exit 1; }
 done
 if [ -e "$work/prefix/include/core" ]; then
   echo "install_check: headers landed in a bare include/core"; exit 1
 fi
+
+# Every installed header stands on the installed headers alone.
+(cd "$work/prefix/include/quorvel" && find core -name '*.h' -printf '#include "%p"\n') >"$work/all.cpp"
+c++ -std=c++20 -fsyntax-only -I"$work/prefix/include/quorvel" "$work/all.cpp"
 
 # With CMake: find_package(quorvel CONFIG) and quorvel::core.
 cmake -S "$src/examples" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
