@@ -34,7 +34,7 @@ inline constexpr int ADMIN_USAGE = 2;
 
 /* ---- Arguments ------------------------------------------------------------------ */
 
-// A command's options and operands. An option spec is "--name" for a switch or
+// A command's options and operands. An option form is "--name" for a switch or
 // "--name=" for one that takes a value (given as "--name=v" or "--name v").
 struct AdminArgs {
   std::string command;                       // the sub-command's name
@@ -44,9 +44,9 @@ struct AdminArgs {
   std::string get(const char *name, const char *def = "") const;
 };
 
-// Reads argv[first..argc) against the specs; a word "--help" sets the "--help" switch.
+// Reads argv[first..argc) against the forms; a word "--help" sets the "--help" switch.
 // ADMIN_OK, or ADMIN_USAGE after reporting the unknown or incomplete option.
-int parseAdminArgs(int argc, char **argv, int first, const std::vector<std::string> &specs,
+int parseAdminArgs(int argc, char **argv, int first, const std::vector<std::string> &forms,
                    AdminArgs *args);
 
 // "<command>: <text>" on standard error; returns status (so a failure is one return).

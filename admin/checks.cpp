@@ -68,10 +68,10 @@ static int readChecked(const AdminArgs &args, const std::string &def, std::strin
   return ADMIN_OK;
 }
 
-static bool startCheck(int argc, char **argv, const std::vector<std::string> &specs,
+static bool startCheck(int argc, char **argv, const std::vector<std::string> &forms,
                        const char *usage, AdminArgs *args, int *status) {
   args->command = argv[0];
-  *status = parseAdminArgs(argc, argv, 1, specs, args);
+  *status = parseAdminArgs(argc, argv, 1, forms, args);
   if (*status != ADMIN_OK || args->has("--help")) {
     fputs(usage, *status != ADMIN_OK ? stderr : stdout);
     return false;

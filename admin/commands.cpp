@@ -41,10 +41,10 @@ const std::vector<AdminCommandEntry> &adminCommands() {
 
 // Reads the command's options; *status is the status to leave with when it returns
 // false (the usage printed for --help, or the error reported).
-static bool startCommand(int argc, char **argv, const std::vector<std::string> &specs,
+static bool startCommand(int argc, char **argv, const std::vector<std::string> &forms,
                          const char *usage, AdminArgs *args, int *status) {
   args->command = argv[0];
-  *status = parseAdminArgs(argc, argv, 1, specs, args);
+  *status = parseAdminArgs(argc, argv, 1, forms, args);
   if (*status != ADMIN_OK) {
     fprintf(stderr, "%s", usage);
     return false;
@@ -74,7 +74,7 @@ static const char *const PERIOD_OPTIONS =
     "  --show=LIST                comma-separated: events, todos, done, reminders, detail\n"
     "                             (default: all three kinds for a day, events otherwise)\n";
 
-static const std::vector<std::string> PERIOD_SPECS = {"--day", "--week", "--month", "--date=",
+static const std::vector<std::string> PERIOD_FORMS = {"--day", "--week", "--month", "--date=",
                                                      "--count=", "--show="};
 
 // "YYYY-MM-DD" as a real date (1970 to 2037, the range of the calendar's times).
@@ -171,9 +171,9 @@ static const std::string LIST_USAGE = std::string(
 int cmdList(int argc, char **argv, const AdminGlobal &g) {
   AdminArgs args;
   int status;
-  std::vector<std::string> specs = PERIOD_SPECS;
-  specs.insert(specs.end(), {"--as=", "--24h", "--day-first"});
-  if (!startCommand(argc, argv, specs, LIST_USAGE.c_str(), &args, &status)) return status;
+  std::vector<std::string> forms = PERIOD_FORMS;
+  forms.insert(forms.end(), {"--as=", "--24h", "--day-first"});
+  if (!startCommand(argc, argv, forms, LIST_USAGE.c_str(), &args, &status)) return status;
   int calendar;
   PeriodRequest r;
   if (int rc = openListing(args, g, &calendar)) return rc;
@@ -218,9 +218,9 @@ template <typename Fn> static std::string catchStderr(Fn fn) {
 int cmdPrint(int argc, char **argv, const AdminGlobal &g) {
   AdminArgs args;
   int status;
-  std::vector<std::string> specs = PERIOD_SPECS;
-  specs.insert(specs.end(), {"--metric", "--as="});
-  if (!startCommand(argc, argv, specs, PRINT_USAGE.c_str(), &args, &status)) return status;
+  std::vector<std::string> forms = PERIOD_FORMS;
+  forms.insert(forms.end(), {"--metric", "--as="});
+  if (!startCommand(argc, argv, forms, PRINT_USAGE.c_str(), &args, &status)) return status;
   int calendar;
   PeriodRequest r;
   if (int rc = openListing(args, g, &calendar)) return rc;

@@ -28,14 +28,14 @@ std::string AdminArgs::get(const char *name, const char *def) const {
   return it != opts.end() ? it->second : def;
 }
 
-// The spec naming this option ("--x" or "--x="), or null.
-static const std::string *findSpec(const std::vector<std::string> &specs, const std::string &name) {
-  for (const std::string &s : specs)
+// The form naming this option ("--x" or "--x="), or null.
+static const std::string *findOptionForm(const std::vector<std::string> &forms, const std::string &name) {
+  for (const std::string &s : forms)
     if (s == name || s == name + "=") return &s;
   return nullptr;
 }
 
-int parseAdminArgs(int argc, char **argv, int first, const std::vector<std::string> &specs,
+int parseAdminArgs(int argc, char **argv, int first, const std::vector<std::string> &forms,
                    AdminArgs *args) {
   for (int i = first; i < argc; i++) {
     std::string word = argv[i];
@@ -49,9 +49,9 @@ int parseAdminArgs(int argc, char **argv, int first, const std::vector<std::stri
       args->opts["--help"] = "";
       continue;
     }
-    const std::string *spec = findSpec(specs, name);
-    if (spec == nullptr) return adminError(*args, ADMIN_USAGE, "unknown option %s", name.c_str());
-    bool wantsValue = spec->back() == '=';
+    const std::string *form = findOptionForm(forms, name);
+    if (form == nullptr) return adminError(*args, ADMIN_USAGE, "unknown option %s", name.c_str());
+    bool wantsValue = form->back() == '=';
     if (!wantsValue && eq != std::string::npos)
       return adminError(*args, ADMIN_USAGE, "option %s takes no value", name.c_str());
     if (wantsValue && eq == std::string::npos && i + 1 >= argc)
