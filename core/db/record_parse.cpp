@@ -213,7 +213,20 @@ struct ParseState {
   Popup *popup = nullptr;
   Alarm *alarm = nullptr;
   UserTime *userTime = nullptr;
+  bool overfull = false;  // an entry past ITEM_LIST_MAX was dropped (reported once)
 };
+
+// Whether a list whose 16-bit count is `count` can take one more entry. The writer
+// never writes more than the count holds, so a longer list comes from a damaged or
+// hostile file: its extra entries are dropped (with one report per item) instead of
+// ending the process through the allocation report.
+static bool roomForEntry(int16_t count, ParseState *st) {
+  if (count < ITEM_LIST_MAX) return true;
+  if (!st->overfull) warning("parseItem: more than %d entries in one list; the rest dropped", ITEM_LIST_MAX);
+  st->overfull = true;
+  st->popup = nullptr, st->alarm = nullptr, st->userTime = nullptr;
+  return false;
+}
 
 static CalSet *itemSet(Item *item, char tag) {
   switch (tag) {
@@ -287,6 +300,9 @@ static void parseLabelLine(Item *item, char *value) {
 
 // The lines that belong to an item's lists and entries.
 static void parseEntryLine(Item *item, const RecordLine &line, ParseState *st) {
+  int16_t count = line.tag == 'P' ? item->popupCount : line.tag == 'A' ? item->listBCount
+                : line.tag == 'Z' ? item->listCCount : line.tag == 'K' ? item->listDCount : 0;
+  if (!roomForEntry(count, st)) return;
   switch (line.tag) {
     case 'P': parsePopupLine(item, line.value, st); break;
     case 'S': if (st->popup) parseNameSet(line.value, &st->popup->setS); break;

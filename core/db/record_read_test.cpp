@@ -68,6 +68,23 @@ TEST_F(RecordRead, AcceptsEveryFormOfLineAWriterOrEditorLeaves) {
   }
 }
 
+// A list longer than its 16-bit count can hold comes only from a damaged file: the
+// extra entries go, with one report, and the process and the rest of the item stay.
+TEST_F(RecordRead, ListsPastTheirCountKeepTheFirstEntriesAndTheItem) {
+  for (const char *entry : {"#A\t15,5\n#V\tann\n", "#P\tnote 0x1\n", "#Z\tbob\n", "#K\tl:ann\n"}) {
+    std::string text = "\n#T\tbig\n#W\tann\n";
+    for (int i = 0; i <= ITEM_LIST_MAX; i++) text += entry;
+    writeFile(path, text + "#I\t9\n\n");
+    testing::internal::CaptureStderr();
+    const Item *it = reread(path)->list.next;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "parseItem: more than 32767 entries in one list; the rest dropped\n") << entry;
+    ASSERT_NE(it, &rf->list);
+    EXPECT_EQ(it->randomId, 9);
+    EXPECT_EQ(it->listBCount + it->popupCount + it->listCCount + it->listDCount, ITEM_LIST_MAX);
+  }
+}
+
 TEST_F(RecordRead, CopiesChainDuplicatesAndInvalidItemsDrop) {
   writeFile(path,
             "\n#T\tMeet\n#B\t0x1 @0x0 %0x0\n#F\t0x2 @0x0 %0x0\n#J\tone\n#W\tann\n#O\tann\n#I\t7\n\n"
