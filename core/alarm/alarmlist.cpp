@@ -4,18 +4,11 @@
 #include <cstring>
 
 #include "core/alarm/alarm.h"
+#include "core/alarm/alarm_int.h"
 #include "core/base/base.h"
 
 namespace quorvel {
 
-static char *copyString(const char *text, const char *caller) {
-  if (text == nullptr) return nullptr;
-  size_t n = strlen(text) + 1;
-  char *copy = static_cast<char *>(allocMem(nullptr, n));
-  if (copy == nullptr) outOfMem(caller);
-  memcpy(copy, text, n);
-  return copy;
-}
 
 /* ==== Adding and setting ================================================================== */
 
@@ -26,7 +19,7 @@ void AddAlarm(Item *item, int32_t user, uint32_t start, uint32_t freq, const cha
   auto *grown = static_cast<Alarm *>(allocMem(item->listB, size));
   if (grown == nullptr) outOfMem("AddAlarm");
   item->listB = grown;
-  grown[item->listBCount] = Alarm{user, start, freq, copyString(string, "AddAlarm")};
+  grown[item->listBCount] = Alarm{user, start, freq, alarmCopyText(string, "AddAlarm")};
   item->listBCount++;
 }
 
@@ -37,7 +30,7 @@ void SetAlarm(Item *item, int32_t user, uint32_t start, uint32_t freq, const cha
     AddAlarm(item, user, start, freq, string);
     return;
   }
-  char *copy = copyString(string, "AddAlarm");  // before the free: string may be a->string
+  char *copy = alarmCopyText(string, "AddAlarm");  // before the free: string may be a->string
   freeMem(a->string);
   *a = Alarm{user, start, freq, copy};
 }
@@ -102,7 +95,7 @@ Alarm *dupAlarmlist(const Alarm *array, int count) {
   Alarm *list = NewAlarmlist(count);
   for (int i = 0; i < count; i++)
     list[i] = Alarm{array[i].user, array[i].start, array[i].freq,
-                    copyString(array[i].string, "dupAlarmlist")};
+                    alarmCopyText(array[i].string, "dupAlarmlist")};
   return list;
 }
 
