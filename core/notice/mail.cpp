@@ -78,6 +78,14 @@ struct AddressList {
   size_t capacity = 0;
 };
 
+// The addresses and the sender go onto a shell command line unquoted, as the mailer has
+// always been called. A users list can come from a server, so a text the shell would
+// take as more than one plain word (blanks, ; & | $ ` quotes, redirections, globs) must
+// never reach it: such an address is skipped with a report, such a sender not passed.
+static bool shellSafe(const char *text) {
+  return strpbrk(text, " \t\r\n;&|`$()<>\\'\"*?[]{}#") == nullptr;
+}
+
 static AddressList gatherAddresses(const uint16_t *recipients, const std::string &sep) {
   AddressList list;
   int bits = setBitCount(recipients);
@@ -86,6 +94,10 @@ static AddressList gatherAddresses(const uint16_t *recipients, const std::string
     const char *address = userMailAddress(i);
     // A member without an address ends the whole gathering: later members get no notice.
     if (!address || !*address) break;
+    if (!shellSafe(address)) {
+      warning("deliverMail: the mail address of calendar %d is not a plain word; skipped", i);
+      continue;
+    }
     size_t need = list.text.size() + strlen(address) + sep.size() + 2;
     while (list.capacity < need) list.capacity += 500;
     list.text += address;
@@ -162,7 +174,7 @@ static int deliverByShell(AddressList &list, const std::string &sep, const std::
 
   DbHandle *db = currentDb();
   std::string options;
-  if (db && db->standalone && senderIndex >= 0 && sender && *sender)
+  if (db && db->standalone && senderIndex >= 0 && sender && *sender && shellSafe(sender))
     options = std::string(" -f") + sender;
   // The command's buffer held the mailer, the list's capacity and 200 bytes more; a long
   // extra argument or sender could pass that, so the line is sized to fit instead: a cut

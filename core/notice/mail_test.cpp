@@ -56,6 +56,16 @@ TEST_F(NoticeTest, DefaultTextsAndTheCommandLineOfTheShellDelivery) {
                                   " -oi anna@quorvel.test,carl@quorvel.test; rm")) << sent.err;
     EXPECT_EQ(sent.msg.substr(0, 40), "To: anna@quorvel.test,carl@quorvel.test\n");
   }
+  // Texts the shell would split or run never reach the command line: an address is
+  // skipped (the others still go), a sender is not passed.
+  addCalendarName(nullptr, "eve", "ev", "x@y;touch /tmp/owned", "");
+  addCalendarName(nullptr, "fay", "fa", "$(reboot)@y", "");
+  main->standalone = true;
+  Sent hostile = send({0, 4, 5, 2}, 2, "an`id`na", 0);
+  EXPECT_TRUE(has(hostile.err, "| mailx  -oi anna@quorvel.test,carl@quorvel.test; rm")) << hostile.err;
+  EXPECT_TRUE(has(hostile.err, "deliverMail: the mail address of calendar 4 is not a plain word; "
+                               "skipped\ndeliverMail: the mail address of calendar 5 is not a "
+                               "plain word; skipped\n")) << hostile.err;
 }
 
 TEST_F(NoticeTest, LongAddressListsAreCutAtTheFirstSeparator1899CharactersOn) {
