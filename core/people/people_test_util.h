@@ -14,9 +14,12 @@
 
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -79,6 +82,20 @@ class PeopleTest : public ::testing::Test {
     fclose(f);
     struct timeval tv[2] = {{mtime, 0}, {mtime, 0}};
     ASSERT_EQ(utimes(path.c_str(), tv), 0);
+  }
+  // A file's text, or "-" when it is missing; put writes one.
+  static std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return access(path.c_str(), F_OK) == 0 ? ss.str() : "-";
+  }
+  static void put(const std::string &path, const std::string &text) {
+    std::ofstream(path) << text;
+  }
+  static mode_t modeOf(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
   }
   // The held calendars as "own viewed third", each index:name ("-" without a name).
   static std::string held() {

@@ -16,9 +16,9 @@ static const std::string B9 = "#B\t0x9 @0x0 %0x0\n";  // the stamp line of time 
 
 TEST_F(RoloTest, BookFilesAreNamedAfterTheCalendarInFourteenSafeCharacters) {
   std::string dir = root + "/db/database/rolo";
-  struct stat st;
-  EXPECT_TRUE(stat(dir.c_str(), &st) == 0 && (st.st_mode & 0777) == 0700);  // made on first use
-  addCalendarName(nullptr, "ab\ncd", "", "", ""), addCalendarName(nullptr, "x\xc3\xa9y-12345678901", "", "", "");
+  EXPECT_EQ(modeOf(dir), 0700u);  // made on first use
+  addCalendarName(nullptr, "ab\ncd", "", "", "");
+  addCalendarName(nullptr, "x\xc3\xa9y-12345678901", "", "", "");
   EXPECT_EQ(roloPath(2) + roloPath(ROLO_SHARED) + roloPath(3) + roloPath(4) + roloPath(99),
             dir + "/Mary_Ann_O_Nei" + dir + "/__SHARED__" + dir + "/ab" + dir + "/x__y_123456789");
 }
@@ -40,7 +40,8 @@ TEST_F(RoloTest, CardsAreWrittenLineByLineAndReadBackWhole) {
     freeRoloList(one);
   }
   RoloEntry *all = list({card(2, 1, 50, {{1, "Zed"}, {2, "a\nb"}, {3, nullptr}}),
-                         card(0, 0, 60, {{1, nullptr}, {4, "x"}, {5, nullptr}}), card(0, 1, 70, {{9, "z"}})});
+                         card(0, 0, 60, {{1, nullptr}, {4, "x"}, {5, nullptr}}),
+                         card(0, 1, 70, {{9, "z"}})});
   std::string text = formatRoloList(all, 0);
   RoloEntry *back = parseRoloList(text.data(), text.size(), 0);
   EXPECT_EQ(show(back), show(all));
@@ -57,7 +58,8 @@ TEST_F(RoloTest, TheReaderKeepsOnlyCardsAndBoundsWhatDoesNotFit) {
                     "\n#O\tnobody\n#-4:\tneg\n#2:\tkept\n\ngarbage\n#Q\t?\n#3:\t" + longLine +
                     "\n\tmore\n\n#P:\t2\n#O\tbob\n#B\t0x9 @0x1 %0x2\n#8:\tno end line";
   RoloEntry *got = parseRoloList(odd.data(), odd.size(), 7);
-  EXPECT_EQ(show(got), "0 7 1700000000 2=kept\n0 7 1700000000 3=" + longLine + "\nmore\n2 1 9 8=no end line\n");
+  EXPECT_EQ(show(got), "0 7 1700000000 2=kept\n0 7 1700000000 3=" + longLine +
+                           "\nmore\n2 1 9 8=no end line\n");
   EXPECT_EQ(got->prev->stamp.q1 * 10 + got->prev->stamp.q2, 12);
   freeRoloList(got);
   for (int i = 0; i < 300; i++) many += "#" + std::to_string(i) + ":\tf\n";
@@ -67,7 +69,8 @@ TEST_F(RoloTest, TheReaderKeepsOnlyCardsAndBoundsWhatDoesNotFit) {
 }
 
 TEST_F(RoloTest, CardsSortByTheirFirstFieldIgnoringCaseThenByEveryOtherPart) {
-  RoloEntry *l = list({card(0, 1, 1, {{1, "carl"}}), card(0, 0, 1, {{1, "carl"}}), card(0, 0, 1, {{1, "bea"}}), card(0, 1, 1, {{1, "anna"}}),
+  RoloEntry *l = list({card(0, 1, 1, {{1, "carl"}}), card(0, 0, 1, {{1, "carl"}}),
+                       card(0, 0, 1, {{1, "bea"}}), card(0, 1, 1, {{1, "anna"}}),
                        card(0, 0, 1, {{1, "Bea"}}), card(0, 0, 1, {{1, "anna"}, {2, "b"}}),
                        card(0, 0, 1, {{1, "anna"}, {2, "a"}}), card(0, 0, 1, {{1, nullptr}})});
   EXPECT_EQ(roloOutOfOrder(l), 1);
@@ -106,7 +109,8 @@ TEST_F(RoloTest, WritingReplacesTheBookUnderTheLockOrWritesAStreamOrMarksADeferr
   put(anna, "#1:\told\n\n");
   int32_t stamp = NO_TIME;
   RoloEntry *got = readrololist(main, book, 0, nullptr, &stamp);
-  appendRoloEntry(got, card(0, 1, 9, {{1, "new"}})), appendRoloEntry(got, card(1, 0, 9, {{1, "gone"}}));
+  appendRoloEntry(got, card(0, 1, 9, {{1, "new"}}));
+  appendRoloEntry(got, card(1, 0, 9, {{1, "gone"}}));
   char *text = nullptr;
   size_t len = 0;
   FILE *mem = open_memstream(&text, &len);
@@ -121,7 +125,7 @@ TEST_F(RoloTest, WritingReplacesTheBookUnderTheLockOrWritesAStreamOrMarksADeferr
   EXPECT_EQ(files(), "#B\t0x6553f100 @0x0 %0x0\n#1:\told\n\n#O\tbob\n" + B9 + "#1:\tnew\n\n|-|-|-");
   struct stat st;
   stat(anna.c_str(), &st);
-  EXPECT_TRUE((st.st_mode & 0777) == 0600 && book->lastTime == int32_t(st.st_mtime) && !heldRoloLock());
+  EXPECT_TRUE(modeOf(anna) == 0600 && book->lastTime == int32_t(st.st_mtime) && !heldRoloLock());
   setRoloTimes(main, RoloTimes{true, 300, 60, NO_TIME});  // deferred: only marked
   std::string before = files();
   got->next->fieldTexts[0][0] = 'O';
@@ -136,7 +140,8 @@ TEST_F(RoloTest, AFailedRewriteBeforeTheMoveAsideLeavesThePreviousBook) {
   book->list = list({card(0, 0, 9, {{1, "new"}})});
   testing::internal::CaptureStderr();  // no book file yet: the move aside fails
   EXPECT_EQ(write(), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "writerololist: unable to rename " + anna + " (errno=-1)!\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "writerololist: unable to rename " + anna + " (errno=-1)!\n");
   EXPECT_EQ(files(), "-|" + B9 + "#1:\tnew\n\n|-|-");  // the scratch file stays
   unlink((anna + "TMP").c_str());
   put(anna, "old\n");
@@ -208,13 +213,11 @@ TEST_F(RoloTest, AWriterWaitsForAnotherProcessesLockTakesOverAStaleOneAndNeverLe
   EXPECT_EXIT(write(), testing::ExitedWithCode(1),
               "Stuck lock file--try again in 5 minutes\n  \\(\"" + lockFile + "\"\\)");
   unlink(lockFile.c_str());
-  EXPECT_EXIT(  // a fatal end in the middle of a write removes the lock
-      {
-        FILE *f = fopencookie(nullptr, "w", cookie_io_functions_t{nullptr, exitingWrite, nullptr, nullptr});
-        setvbuf(f, nullptr, _IONBF, 0);
-        write(1, f);
-      },
-      testing::ExitedWithCode(3), "");
+  FILE *exiting = fopencookie(nullptr, "w", {nullptr, exitingWrite, nullptr, nullptr});
+  setvbuf(exiting, nullptr, _IONBF, 0);
+  // A fatal end in the middle of a write removes the lock.
+  EXPECT_EXIT(write(1, exiting), testing::ExitedWithCode(3), "");
+  fclose(exiting);
   EXPECT_EQ(slurp(lockFile), "-");
   rmdir((root + "/db/database/locks").c_str());  // no lock directory: stuck at once
   EXPECT_EXIT(write(), testing::ExitedWithCode(1), "notify administrator\n.*errno=2");
@@ -227,7 +230,8 @@ TEST_F(RoloTest, AServerAttachedContextReadsAndChangesItsBooksThroughTheServer) 
   setLinkMessageHook([](const char *) {});
   main->server = newServerLink(calAddress(&server).c_str());
   book = findBookState(main, 1);
-  calScript(&server, {calReply({calBytes(FIELD_BOOK, "#O\tanna\n" + B9 + "#1:\tb\n\n"), calNumber(77)}),
+  calScript(&server, {calReply({calBytes(FIELD_BOOK, "#O\tanna\n" + B9 + "#1:\tb\n\n"),
+                                calNumber(77)}),
                       calReply({calBytes(FIELD_BOOK_EMPTY, "")}), calAction(CAL_CLOSE),
                       calAction(CAL_CLOSE), calAction(CAL_CLOSE)});
   int32_t stamp = 12;
@@ -235,7 +239,8 @@ TEST_F(RoloTest, AServerAttachedContextReadsAndChangesItsBooksThroughTheServer) 
   EXPECT_TRUE(show(got) == "0 0 9 1=b\n" && stamp == 77);
   std::vector<CalRequest> req = calRequests(&server);
   EXPECT_TRUE(req.size() == 1 && req[0].code == 119 && req[0].fields.size() == 3);
-  for (size_t i = 0; i < 3; i++) EXPECT_EQ(calFieldNumber(req[0].fields[i]), std::vector<int>({1, 12, 1})[i]);
+  for (size_t i = 0; i < 3; i++)
+    EXPECT_EQ(calFieldNumber(req[0].fields[i]), std::vector<int>({1, 12, 1})[i]);
   got = readrololist(main, book, 1, got, &stamp);  // no entries; the cached list is freed
   EXPECT_TRUE(roloCount(got) == 0 && stamp == 77 && book->list == got);
   got = readrololist(main, book, 1, got, &stamp);  // the server is lost: empty
@@ -246,7 +251,8 @@ TEST_F(RoloTest, AServerAttachedContextReadsAndChangesItsBooksThroughTheServer) 
   req = calRequests(&server);
   ASSERT_EQ(req.size(), 7u);
   for (size_t i = 5; i < 7; i++) {
-    ASSERT_TRUE(req[i].code == 120 && req[i].fields.size() == 3 && calFieldNumber(req[i].fields[0]) == 1);
+    ASSERT_TRUE(req[i].code == 120 && req[i].fields.size() == 3);
+    EXPECT_EQ(calFieldNumber(req[i].fields[0]), 1);
     EXPECT_EQ(calFieldText(req[i].fields[1]), "#O\tanna\n" + B9 + "#1:\tmine\n\n");
   }
   EXPECT_TRUE(req[5].fields[2].kind == FIELD_BOOK_EMPTY && req[6].fields[2].kind == FIELD_BOOK);

@@ -5,9 +5,6 @@
 #include "core/people/people_test_util.h"
 #include "core/people/rolo.h"
 
-#include <fstream>
-#include <sstream>
-
 namespace quorvel {
 
 class RoloTest : public PeopleTest {
@@ -20,7 +17,8 @@ class RoloTest : public PeopleTest {
     PeopleTest::SetUp();
     resetRolo();
     setClockHook([] { return now; });
-    for (const char *n : {"anna", "bob", "Mary Ann O'Neil-Smith"}) addCalendarName(nullptr, n, "", "", "");
+    for (const char *n : {"anna", "bob", "Mary Ann O'Neil-Smith"})
+      addCalendarName(nullptr, n, "", "", "");
     mkdir((root + "/db/database").c_str(), 0755);
     mkdir((root + "/db/database/locks").c_str(), 0755);
     lockFile = root + "/db/database/locks/rololock";
@@ -33,7 +31,8 @@ class RoloTest : public PeopleTest {
     PeopleTest::TearDown();
   }
   // A card: kind, owner, stamp time, then (number, text) pairs; a null text stays null.
-  static RoloEntry *card(int kind, int owner, int32_t when, std::vector<std::pair<int, const char *>> fields) {
+  static RoloEntry *card(int kind, int owner, int32_t when,
+                         std::vector<std::pair<int, const char *>> fields) {
     RoloEntry *e = newRoloEntry();
     e->kind = uint8_t(kind), e->owner = int16_t(owner), e->stamp = DateTime{when, 0, 0};
     for (auto &f : fields) addRoloField(e, f.first, f.second);
@@ -48,26 +47,24 @@ class RoloTest : public PeopleTest {
   static std::string show(const RoloEntry *head) {
     std::string s;
     for (const RoloEntry *e = head->next; e != head; e = e->next) {
-      s += std::to_string(e->kind) + " " + std::to_string(e->owner) + " " + std::to_string(e->stamp.time);
-      for (int i = 0; i < e->fieldCount; i++)
-        s += " " + std::to_string(e->fieldNumbers[i]) + (e->fieldTexts[i] ? "=" + std::string(e->fieldTexts[i]) : "");
+      s += std::to_string(e->kind) + " " + std::to_string(e->owner) + " " +
+           std::to_string(e->stamp.time);
+      for (int i = 0; i < e->fieldCount; i++) {
+        const char *t = e->fieldTexts[i];
+        s += " " + std::to_string(e->fieldNumbers[i]) + (t ? "=" + std::string(t) : "");
+      }
       s += "\n";
     }
     return s;
   }
-  // A file's text, or "-" when it is missing.
-  static std::string slurp(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return access(path.c_str(), F_OK) == 0 ? ss.str() : "-";
-  }
-  static void put(const std::string &path, const std::string &text) { std::ofstream(path) << text; }
   // anna's book, its "TMP" and "sav" files and the lock: "book|TMP|sav|lock".
   std::string files() {
-    return slurp(anna) + "|" + slurp(anna + "TMP") + "|" + slurp(anna + "sav") + "|" + slurp(lockFile);
+    return slurp(anna) + "|" + slurp(anna + "TMP") + "|" + slurp(anna + "sav") + "|" +
+           slurp(lockFile);
   }
-  int write(int force = 1, FILE *stream = nullptr) { return writerololist(main, book, 0, force, stream); }
+  int write(int force = 1, FILE *stream = nullptr) {
+    return writerololist(main, book, 0, force, stream);
+  }
 };
 
 }  // namespace quorvel

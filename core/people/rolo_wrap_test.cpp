@@ -32,11 +32,12 @@ int __wrap_unlink(const char *path) {
 
 TEST_F(RoloTest, FailuresAfterTheMoveAsideRestoreTheBookAndNameTheFiles) {
   book->list = list({card(0, 0, 9, {{1, "new"}})});
-  const std::string A = anna, T = anna + "TMP", S = anna + "sav", fresh = "#B\t0x9 @0x0 %0x0\n#1:\tnew\n\n";
+  const std::string A = anna, T = anna + "TMP", S = anna + "sav";
+  const std::string fresh = "#B\t0x9 @0x0 %0x0\n#1:\tnew\n\n", kept = "old|" + fresh + "|-|-";
   const struct { const char *call, *suffix; int err; std::string message, files; } rows[] = {
-      {"link", "", EXDEV, "unable to link " + A + " to " + T + " (errno=18)!", "old|" + fresh + "|-|-"},
-      {"link", "", 0, "unable to link " + A + " to " + T + " (errno=-1)!", "old|" + fresh + "|-|-"},
-      {"unlink", "TMP", EPERM, "unable to unlink temp " + T + " (errno=1)!", "old|" + fresh + "|-|-"},
+      {"link", "", EXDEV, "unable to link " + A + " to " + T + " (errno=18)!", kept},
+      {"link", "", 0, "unable to link " + A + " to " + T + " (errno=-1)!", kept},
+      {"unlink", "TMP", EPERM, "unable to unlink temp " + T + " (errno=1)!", kept},
       {"unlink", "TMP", 0, "", fresh + "|" + fresh + "|-|-"},  // no error number: carries on
       {"unlink", "sav", EACCES, "unable to unlink saved " + S + " (errno=13)!", fresh + "|-|old|-"},
   };
@@ -46,7 +47,8 @@ TEST_F(RoloTest, FailuresAfterTheMoveAsideRestoreTheBookAndNameTheFiles) {
     failCall = row.call, failSuffix = row.suffix, failErrno = row.err;
     testing::internal::CaptureStderr();
     EXPECT_EQ(write(), row.message.empty() ? 0 : -1) << row.message;
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), row.message.empty() ? "" : "writerololist: " + row.message + "\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              row.message.empty() ? "" : "writerololist: " + row.message + "\n");
     EXPECT_EQ(files(), row.files) << row.message;
   }
   freeRoloList(book->list);

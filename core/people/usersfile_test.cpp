@@ -2,16 +2,10 @@
 #include "core/people/people_test_util.h"
 #include "core/db/recordfile.h"
 #include "core/items/item.h"
-#include <fstream>
 #include <pwd.h>
 #include <unistd.h>
 #include <span>
 using namespace quorvel;
-
-static std::string readFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
 
 static std::string me() { return getpwuid(getuid()) ? getpwuid(getuid())->pw_name : ""; }
 
@@ -140,7 +134,7 @@ TEST_F(PeopleTest, ReReadThatMovesIndexesWritesAndDropsCachedRecordFilesFirst) {
   EXPECT_TRUE(cachedFileCount(main) == 1 && rf->dirty && findRecordFile(main, path.c_str()) == rf);
   readMain("aaron,w\nann,x\nbob,y\ncarl,z\n", 3000);
   EXPECT_EQ(cachedFileCount(main), 0);
-  EXPECT_NE(readFile(path).find("\n#W\tbob\n"), std::string::npos) << readFile(path);
+  EXPECT_NE(slurp(path).find("\n#W\tbob\n"), std::string::npos) << slurp(path);
   EXPECT_EQ(writeDirtyFiles(main), 0);
   rf = openRecordFile(main, path.c_str());
   ASSERT_EQ(rf->count, 1);
