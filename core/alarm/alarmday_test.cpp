@@ -15,7 +15,6 @@
 namespace quorvel {
 namespace {
 
-using Lines = std::vector<std::string>;
 struct A { int user, start, freq; const char *string = nullptr; };
 
 Item *makeItem(Item *list, const char *title, time_t start, std::vector<A> alarms,
@@ -74,7 +73,7 @@ class AlarmDayTest : public AlarmTest {
   }
 };
 
-TEST_F(AlarmDayTest, ALocalDayMatchesTheHandComputedSchedule) {
+TEST_F(AlarmDayTest, ALocalDayMatchesTheHandComputedScheduleOfEachUser) {
   setAlarmTrace(true);
   testing::internal::CaptureStderr();
   EXPECT_EQ(CheckAlarmlists(db, -1), 1);
@@ -103,15 +102,15 @@ TEST_F(AlarmDayTest, ALocalDayMatchesTheHandComputedSchedule) {
   forgetAlarmParse();
   EXPECT_EQ(CheckAlarmlists(db, 7), 1);
   EXPECT_EQ(queueText(), aliceDay);
-}
-
-TEST_F(AlarmDayTest, BobsDayUsesHisAlarmsAndHisDefault) {
+  // Bob's day: Standup 60/1 from 9:00 to 10:00; Lunch 10/5; his default 1/1 where he
+  // has none.
   std::filesystem::copy_file(events(), root + "/db/database/events/bob");
+  forgetAlarmParse();
   EXPECT_EQ(CheckAlarmlists(db, 1), 1);
-  // Standup 60/1 from 9:00 to 10:00; Lunch 10/5; his default 1/1 where he has none.
   Lines q = queueText();
   EXPECT_EQ(q.size(), 61u + 3 + 2 + 2 + 2 + 2 + 2 + 1);  // Early: only 9:00 is not past
-  EXPECT_EQ(std::count_if(q.begin(), q.end(), [](auto &l) { return l.find("Standup") != l.npos; }), 61);
+  auto isStandup = [](const std::string &l) { return l.find("Standup") != l.npos; };
+  EXPECT_EQ(std::count_if(q.begin(), q.end(), isStandup), 61);
   EXPECT_EQ(Lines(q.end() - 4, q.end()),
             (Lines{"14:59 Pending", "15:00 Pending", "15:59 Answered", "16:00 Answered"}));
 }
@@ -122,9 +121,7 @@ TEST_F(AlarmDayTest, AServerCalendarsDayComesFromTheServer) {
   DbHandle *remote = newDbHandle((root + "/db/database").c_str(), "srv", 0);
   remote->server = newServerLink(calAddress(&server).c_str());
   remote->server->waitMs = 3000;
-  UserList *users = newUserList();
-  addUserEntry(users, "alice", "alice", "", "", 0);
-  installUserList(remote, users);
+  installAliceAndBob(remote);
   Item list;
   dayOfItems(&list);
   Buf *b = NewBuf();

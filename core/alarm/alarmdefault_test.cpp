@@ -12,15 +12,6 @@ namespace {
 class AlarmDefaultTest : public AlarmTest {
  protected:
   std::string file() { return root + "/db/database/alarm.def"; }
-  std::string users(const Item *list) {  // "user:start/freq:string" per entry
-    std::string out;
-    for (int i = 0; i < list->listBCount; i++) {
-      const Alarm &a = list->listB[i];
-      out += std::to_string(a.user) + ":" + std::to_string(a.start) + "/" + std::to_string(a.freq) +
-             ":" + (a.string ? a.string : "-") + " ";
-    }
-    return out;
-  }
 };
 
 TEST_F(AlarmDefaultTest, WrittenDefaultsReadBackAndTheFirstRecordOfAUserWins) {
@@ -36,11 +27,12 @@ TEST_F(AlarmDefaultTest, WrittenDefaultsReadBackAndTheFirstRecordOfAUserWins) {
   EXPECT_FALSE(std::filesystem::exists(file() + "TMP"));
   EXPECT_EQ(currentDefaultAlarm()->start, 20u);
   // Another writer's file, with bob twice and a record without a user.
-  std::ofstream(file()) << "\n#A\t7,7\n#V\tbob\n\n#A\t8,8\n#E\tno\n#V\tbob\n\n#A\t3,3\n\n#A\t1,2\n#E\tx\n#V\talice\n";
+  std::ofstream(file()) << "\n#A\t7,7\n#V\tbob\n\n#A\t8,8\n#E\tno\n#V\tbob\n"
+                           "\n#A\t3,3\n\n#A\t1,2\n#E\tx\n#V\talice\n";
   struct timeval tv[2] = {{1000000, 0}, {1000000, 0}};
   utimes(file().c_str(), tv);
   Item *list = GetDefaultAlarmlist(db, file().c_str());
-  EXPECT_EQ(users(list), "1:7/7:- -1:3/3:- 0:1/2:x ");
+  EXPECT_EQ(alarmsText(list), "1:7/7:- -1:3/3:- 0:1/2:x ");
   EXPECT_EQ(currentDefaultAlarm()->start, 1u);  // alice's entry of the list read anew
   EXPECT_EQ(GetDefaultAlarmlist(db, file().c_str()), list);  // unchanged: kept
 }
@@ -69,9 +61,7 @@ TEST_F(AlarmDefaultTest, ARefusedWriteLeavesTheOldFile) {
   setenv("HOME", home.c_str(), 1);
   DbHandle *own = newDbHandle((home + "/.quorvel/db/database").c_str(), "own", 0);
   setCurrentDb(own);
-  UserList *names = newUserList();
-  addUserEntry(names, "alice", "alice", "", "", 0), addUserEntry(names, "bob", "bob", "", "", 0);
-  installUserList(own, names);
+  installAliceAndBob(own);
   EXPECT_EQ(alarmDefaultsPath(own), home + "/.quorvel/db/database/alarm.def");
   EXPECT_EQ(PutDefaultAlarm(0, 4, 4, nullptr), 0);
   EXPECT_EQ(slurp(alarmDefaultsPath(own)), "\n#A\t4,4\n#V\talice\n");
