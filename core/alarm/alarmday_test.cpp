@@ -1,6 +1,8 @@
 // alarmday_test.cpp -- the queue built from today's items: a local calendar's record
 // file against a hand-computed schedule, the re-parse test, and a server calendar
-// through the fake calendar server.
+// through the fake calendar server; and the default alarms it falls back on: the file
+// written and read back, its refused writes, a per-user database's own file, and a
+// server calendar's defaults.
 #include <sys/time.h>
 
 #include <algorithm>
@@ -15,7 +17,6 @@
 namespace quorvel {
 namespace {
 
-using Lines = std::vector<std::string>;
 struct A { int user, start, freq; const char *string = nullptr; };
 
 Item *makeItem(Item *list, const char *title, time_t start, std::vector<A> alarms,
@@ -74,7 +75,7 @@ class AlarmDayTest : public AlarmTest {
   }
 };
 
-TEST_F(AlarmDayTest, ALocalDayMatchesTheHandComputedSchedule) {
+TEST_F(AlarmDayTest, ALocalDayMatchesTheHandComputedScheduleOfEachUser) {
   setAlarmTrace(true);
   testing::internal::CaptureStderr();
   EXPECT_EQ(CheckAlarmlists(db, -1), 1);
@@ -103,15 +104,15 @@ TEST_F(AlarmDayTest, ALocalDayMatchesTheHandComputedSchedule) {
   forgetAlarmParse();
   EXPECT_EQ(CheckAlarmlists(db, 7), 1);
   EXPECT_EQ(queueText(), aliceDay);
-}
-
-TEST_F(AlarmDayTest, BobsDayUsesHisAlarmsAndHisDefault) {
+  // Bob's day: Standup 60/1 from 9:00 to 10:00; Lunch 10/5; his default 1/1 where he
+  // has none.
   std::filesystem::copy_file(events(), root + "/db/database/events/bob");
+  forgetAlarmParse();
   EXPECT_EQ(CheckAlarmlists(db, 1), 1);
-  // Standup 60/1 from 9:00 to 10:00; Lunch 10/5; his default 1/1 where he has none.
   Lines q = queueText();
   EXPECT_EQ(q.size(), 61u + 3 + 2 + 2 + 2 + 2 + 2 + 1);  // Early: only 9:00 is not past
-  EXPECT_EQ(std::count_if(q.begin(), q.end(), [](auto &l) { return l.find("Standup") != l.npos; }), 61);
+  auto isStandup = [](const std::string &l) { return l.find("Standup") != l.npos; };
+  EXPECT_EQ(std::count_if(q.begin(), q.end(), isStandup), 61);
   EXPECT_EQ(Lines(q.end() - 4, q.end()),
             (Lines{"14:59 Pending", "15:00 Pending", "15:59 Answered", "16:00 Answered"}));
 }
@@ -122,9 +123,7 @@ TEST_F(AlarmDayTest, AServerCalendarsDayComesFromTheServer) {
   DbHandle *remote = newDbHandle((root + "/db/database").c_str(), "srv", 0);
   remote->server = newServerLink(calAddress(&server).c_str());
   remote->server->waitMs = 3000;
-  UserList *users = newUserList();
-  addUserEntry(users, "alice", "alice", "", "", 0);
-  installUserList(remote, users);
+  installAliceAndBob(remote);
   Item list;
   dayOfItems(&list);
   Buf *b = NewBuf();
@@ -151,6 +150,84 @@ TEST_F(AlarmDayTest, AServerCalendarsDayComesFromTheServer) {
   EXPECT_EQ(calFieldNumber(query.fields[2]), int32_t(at(24, 0)));
   EXPECT_EQ(calFieldText(requests[0].fields[1]), "alice");
   releaseUsers(remote), freeServerLink(remote->server), remote->server = nullptr;
+  stopCalServer(&server);
+}
+
+class AlarmDefaultTest : public AlarmTest {
+ protected:
+  std::string file() { return root + "/db/database/alarm.def"; }
+};
+
+TEST_F(AlarmDefaultTest, WrittenDefaultsReadBackTheFirstRecordOfAUserWinsARefusedWriteKeepsThem) {
+  EXPECT_EQ(GetDefaultAlarmlist(db, file().c_str())->listBCount, 0);  // no file: no defaults
+  // A line end in the string would start a record line of its own: it is cut there.
+  EXPECT_EQ(PutDefaultAlarm(0, 10, 5, "tea\n#V\tbob"), 0);
+  EXPECT_EQ(PutDefaultAlarm(1, 0, 0, nullptr), 0);
+  EXPECT_EQ(PutDefaultAlarm(0, 20, 5, "tea"), 0);
+  EXPECT_EQ(slurp(file()), "\n#A\t20,5\n#E\ttea\n#V\talice\n\n#A\t0,0\n#V\tbob\n");
+  struct stat st;
+  ASSERT_EQ(stat(file().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_FALSE(std::filesystem::exists(file() + "TMP"));
+  EXPECT_EQ(currentDefaultAlarm()->start, 20u);
+  // Another writer's file, with bob twice and a record without a user.
+  std::ofstream(file()) << "\n#A\t7,7\n#V\tbob\n\n#A\t8,8\n#E\tno\n#V\tbob\n"
+                           "\n#A\t3,3\n\n#A\t1,2\n#E\tx\n#V\talice\n";
+  struct timeval tv[2] = {{1000000, 0}, {1000000, 0}};
+  utimes(file().c_str(), tv);
+  Item *list = GetDefaultAlarmlist(db, file().c_str());
+  EXPECT_EQ(alarmsText(list), "1:7/7:- -1:3/3:- 0:1/2:x ");
+  EXPECT_EQ(currentDefaultAlarm()->start, 1u);  // alice's entry of the list read anew
+  EXPECT_EQ(GetDefaultAlarmlist(db, file().c_str()), list);  // unchanged: kept
+  // A refused write leaves the old file.
+  std::string old = slurp(file());
+  std::filesystem::create_directory(file() + "TMP");  // the scratch cannot be opened
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(PutDefaultAlarm(1, 1, 1, nullptr), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "PutDefaultAlarm: cannot write out tmp file\n");
+  EXPECT_EQ(slurp(file()), old);
+  std::filesystem::remove(file() + "TMP");
+  std::filesystem::remove(file());
+  std::filesystem::create_directories(file() + "/inside");  // the old "file" cannot go
+  tv[0].tv_sec = tv[1].tv_sec = 2000000;
+  utimes(file().c_str(), tv);  // and it reads as a changed, empty file
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(PutDefaultAlarm(1, 1, 1, nullptr), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "PutDefaultAlarm: cannot unlink old alarm defaults file\n");
+  EXPECT_EQ(slurp(file() + "TMP"), "\n#A\t1,1\n#V\tbob\n");  // the directory read as empty
+  // A per-user database keeps its own file under HOME.
+  std::string home = root + "/home", oldHome = getenv("HOME") ? getenv("HOME") : "";
+  std::filesystem::create_directories(home + "/.quorvel/db/database");
+  setenv("HOME", home.c_str(), 1);
+  DbHandle *own = newDbHandle((home + "/.quorvel/db/database").c_str(), "own", 0);
+  setCurrentDb(own);
+  installAliceAndBob(own);
+  EXPECT_EQ(alarmDefaultsPath(own), home + "/.quorvel/db/database/alarm.def");
+  EXPECT_EQ(PutDefaultAlarm(0, 4, 4, nullptr), 0);
+  EXPECT_EQ(slurp(alarmDefaultsPath(own)), "\n#A\t4,4\n#V\talice\n");
+  setCurrentDb(db), releaseUsers(own);
+  setenv("HOME", oldHome.c_str(), 1);
+}
+
+TEST_F(AlarmDefaultTest, AServerCalendarSendsItsDefaultToTheServer) {
+  CalServer server;
+  ASSERT_EQ(startCalServer(&server), 0);
+  db->server = newServerLink(calAddress(&server).c_str());
+  db->server->waitMs = 3000;
+  EXPECT_EQ(PutDefaultAlarm(1, 15, 5, "ring"), 0);
+  EXPECT_EQ(PutDefaultAlarm(0, 258, 0, nullptr), 0);
+  std::vector<CalRequest> sent = calRequests(&server);
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[0].code, 115);
+  ASSERT_EQ(sent[0].fields.size(), 1u);
+  EXPECT_EQ(sent[0].fields[0].kind, 7);
+  EXPECT_EQ(std::string(sent[0].fields[0].payload.begin(), sent[0].fields[0].payload.end()),
+            std::string("\0\0\0\1\0\0\0\x0f\0\0\0\5ring\0", 17));
+  EXPECT_EQ(sent[1].fields[0].payload, (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0}));
+  EXPECT_EQ(currentDefaultAlarm()->start, 258u);
+  EXPECT_FALSE(std::filesystem::exists(file()));
+  freeServerLink(db->server), db->server = nullptr;
   stopCalServer(&server);
 }
 

@@ -1,5 +1,5 @@
-// Tests of the domains file: the line form, every judgement with its messages, the
-// kept modification time, and the server-attached path against the fake server.
+// The domains file: the line form, every judgement with its messages, the kept
+// modification time, and the server-attached path against the fake server.
 #include "core/date/domains.h"
 
 #include <arpa/inet.h>
@@ -20,8 +20,6 @@
 #include "testing/calserver.h"
 
 using namespace quorvel;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 namespace {
 const uint32_t kSelf = inet_addr("10.9.8.7");  // this machine's address in the tests
@@ -29,8 +27,10 @@ const uint32_t kSelf = inet_addr("10.9.8.7");  // this machine's address in the 
 // Every entry as "name|host|label;".
 std::string table() {
   std::string out;
-  for (int i = 0; i < DomainCount(); i++)
-    out += std::string(DomainName(i)) + "|" + DomainHost(i) + "|" + (DomainLabel(i) ? DomainLabel(i) : "-") + ";";
+  for (int i = 0; i < DomainCount(); i++) {
+    const char *label = DomainLabel(i);
+    out += std::string(DomainName(i)) + "|" + DomainHost(i) + "|" + (label ? label : "-") + ";";
+  }
   return out;
 }
 
@@ -51,11 +51,12 @@ struct Domains : ::testing::Test {
     struct utimbuf t = {stamp, stamp};
     utime(file.c_str(), &t);
   }
-  // ReadDomains' ok and everything it reported.
-  std::string read(int *ok) {
-    CaptureStderr();
-    ReadDomains(nullptr, ok, kSelf);
-    return GetCapturedStderr();
+  // ReadDomains' ok, a blank, then everything it reported.
+  std::string read() {
+    int ok = -1;
+    testing::internal::CaptureStderr();
+    ReadDomains(nullptr, &ok, kSelf);
+    return std::to_string(ok) + " " + testing::internal::GetCapturedStderr();
   }
 };
 }  // namespace
@@ -75,9 +76,7 @@ TEST(DomainLine, SplitsAtCommasOutsideQuotesAndTrims) {
   for (auto &r : rows) {
     std::string f[3] = {"stale", "stale", "stale"};
     EXPECT_EQ(SplitDomainLine(r.line, f), r.n) << r.line;
-    EXPECT_EQ(f[0], r.f0) << r.line;
-    EXPECT_EQ(f[1], r.f1) << r.line;
-    EXPECT_EQ(f[2], r.f2) << r.line;
+    EXPECT_EQ(f[0] + "|" + f[1] + "|" + f[2], std::string(r.f0) + "|" + r.f1 + "|" + r.f2);
   }
   EXPECT_TRUE(IsThisHost("localhost", 0));
   EXPECT_TRUE(IsThisHost("10.9.8.7", kSelf));
@@ -92,15 +91,13 @@ TEST(DomainLine, SplitsAtCommasOutsideQuotesAndTrims) {
   }
 }
 
-TEST_F(Domains, ValidFileIsInstalledWithLabelsAndQuotedFields) {
-  int ok = -1;
-  EXPECT_EQ(read(&ok), "");  // no file, no table: quietly nothing
-  EXPECT_EQ(ok, 0);
+TEST_F(Domains, AValidFileReplacesTheTableAnInvalidOneIsReportedAndChangesNothing) {
+  EXPECT_EQ(read(), "0 ");  // no file, no table: quietly nothing
   put("# domains of this site\n\nmain, 10.9.8.7, Head office\n\"west, annex\",w.example,  \n"
       "east,e.example,East\nnohost,\n,nodomain\n");
-  EXPECT_EQ(read(&ok), "");
-  EXPECT_EQ(ok, 1);
-  EXPECT_EQ(table(), "main|localhost|Head office;west, annex|w.example|west, annex;east|e.example|East;");
+  EXPECT_EQ(read(), "1 ");
+  EXPECT_EQ(table(),
+            "main|localhost|Head office;west, annex|w.example|west, annex;east|e.example|East;");
   EXPECT_EQ(DomainLabel(3), nullptr);
   EXPECT_EQ(DomainLabel(-1), nullptr);
   EXPECT_STREQ(DomainByLabel("East"), "east");
@@ -108,23 +105,18 @@ TEST_F(Domains, ValidFileIsInstalledWithLabelsAndQuotedFields) {
   EXPECT_EQ(DomainByLabel("west, annex"), nullptr);  // an empty label matches no text
   EXPECT_EQ(DomainByLabel(nullptr), nullptr);
   // Unchanged time: not read again, even though the contents differ.
+  const std::string abc = "a|localhost|a;b|b.example|b;c|c.example|c;";
   put("a,localhost\nb,b.example\nc,c.example\n", false);
-  EXPECT_EQ(read(&ok), "");
-  EXPECT_EQ(ok, 0);
-  EXPECT_EQ(DomainCount(), 3);
+  EXPECT_EQ(read(), "0 ");
   EXPECT_STREQ(DomainLabel(1), "west, annex");
   put("a,localhost\nb,b.example\nc,c.example\n");  // now changed
-  EXPECT_EQ(read(&ok), "");
-  EXPECT_EQ(ok, 1);
-  EXPECT_EQ(table(), "a|localhost|a;b|b.example|b;c|c.example|c;");
+  EXPECT_EQ(read(), "1 ");
+  EXPECT_EQ(table(), abc);
   // Gone while a table is in force: reported, the table stays.
   std::filesystem::remove(file);
-  EXPECT_EQ(read(&ok), file + " file is no longer accessable\n");
-  EXPECT_EQ(ok, 0);
-  EXPECT_EQ(DomainCount(), 3);
-}
-
-TEST_F(Domains, InvalidFilesAreReportedAndNeverReplaceTheTable) {
+  EXPECT_EQ(read(), "0 " + file + " file is no longer accessable\n");
+  EXPECT_EQ(table(), abc);
+  // Invalid files, first while that table is in force, then with none.
   struct { const char *text; const char *why; } rows[] = {
       {"a,a.example\nb,b.example\n", " file has no entry for localhost\n"},
       {"a,localhost\n", " file has only entry of localhost\n"},
@@ -133,32 +125,20 @@ TEST_F(Domains, InvalidFilesAreReportedAndNeverReplaceTheTable) {
       {"a,127.0.0.1\nb,b.example\n", " file has no entry for localhost\n"},
       {"a,a.example\n", ""},
   };
-  for (bool before : {false, true}) {
-    resetDomains();
-    if (before) {
-      put("home,localhost,H\naway,away.example\n");
-      int ok;
-      read(&ok);
-      ASSERT_EQ(ok, 1);
-    }
+  for (bool before : {true, false}) {
+    std::string verdict = before ? " file is no longer valid\n" + file +
+                                       " file changes are not effected\n"
+                                 : std::string(" file is not valid\n");
     for (auto &r : rows) {
       put(r.text);
-      int ok = -1;
-      std::string said = read(&ok), why = r.why[0] ? file + r.why : "";
-      if (before)
-        EXPECT_EQ(said, why + file + " file is no longer valid\n" + file + " file changes are not effected\n") << r.text;
-      else
-        EXPECT_EQ(said, why + file + " file is not valid\n") << r.text;
-      EXPECT_EQ(ok, 0);
-      EXPECT_EQ(table(), before ? "home|localhost|H;away|away.example|away;" : "");
+      EXPECT_EQ(read(), "0 " + (r.why[0] ? file + r.why : "") + file + verdict) << r.text;
+      EXPECT_EQ(table(), before ? abc : "");
     }
+    resetDomains();
   }
   // An empty or comment-only file has nothing to judge and says nothing.
-  resetDomains();
   put("# nothing yet\n\n");
-  int ok = -1;
-  EXPECT_EQ(read(&ok), "");
-  EXPECT_EQ(ok, 0);
+  EXPECT_EQ(read(), "0 ");
 }
 
 TEST_F(Domains, ServerAttachedCalendarAsksTheServer) {
@@ -169,7 +149,8 @@ TEST_F(Domains, ServerAttachedCalendarAsksTheServer) {
   db->server->waitMs = 3000;
   put("home,localhost\naway,away.example\n");  // the file is not read for such a calendar
   calScript(&server, {calReply({calText("north"), calText("localhost"), calText("North"),
-                                calNumber(7), calText("south"), calText("s.example"), calText("")})});
+                                calNumber(7), calText("south"), calText("s.example"),
+                                calText("")})});
   int ok = -1;
   EXPECT_EQ(ReadDomains(db, &ok, kSelf), 1);
   EXPECT_EQ(ok, 1);
@@ -177,13 +158,11 @@ TEST_F(Domains, ServerAttachedCalendarAsksTheServer) {
   EXPECT_EQ(calRequests(&server)[0].code, 121);
   EXPECT_TRUE(calRequests(&server)[0].fields.empty());
   EXPECT_EQ(table(), "north|localhost|North;south|s.example|south;");
-  // A reply without entries leaves the table; ok still says the server answers.
-  ok = -1;
+  // A reply without entries leaves the table; the server still answers.
   EXPECT_EQ(ReadDomains(db, &ok, kSelf), 1);
   EXPECT_EQ(DomainCount(), 2);
   // The local path then reads the file afresh.
-  ok = -1;
-  EXPECT_EQ(read(&ok), "");
+  EXPECT_EQ(read(), "1 ");
   EXPECT_EQ(table(), "home|localhost|home;away|away.example|away;");
   freeServerLink(db->server);
   db->server = nullptr;

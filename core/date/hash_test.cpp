@@ -1,5 +1,6 @@
-// Tests of the chained hash table: the bucket rule, repeated keys, set-or-insert,
-// removal, walking and destroying, with the links of every bucket checked both ways.
+// The chained hash table: the bucket rule, repeated keys, set-or-insert, removal, walking
+// and destroying, with the links of every bucket checked both ways; and its out-of-memory
+// reports, with allocMem wrapped at link time to fail on demand.
 #include "core/date/hash.h"
 
 #include <gtest/gtest.h>
@@ -8,28 +9,29 @@
 #include <string>
 #include <vector>
 
+#include "core/base/base.h"
+
 using namespace quorvel;
 
+static bool failAlloc = false;  // set by the death tests inside the dying child
+
+extern "C" void *__real__ZN7quorvel8allocMemEPvm(void *old, size_t size);
+extern "C" void *__wrap__ZN7quorvel8allocMemEPvm(void *old, size_t size) {
+  return failAlloc ? nullptr : __real__ZN7quorvel8allocMemEPvm(old, size);
+}
+
 namespace {
-// Integer keys carried in the pointer; the "hash" is the key itself, so that values at
-// and past the bucket count exercise the remainder rule.
+// Integer keys carried in the pointer; the "hash" is the key itself, so that keys at and
+// past the bucket count exercise the remainder rule.
 const void *K(uintptr_t k) { return reinterpret_cast<const void *>(k); }
 void *V(uintptr_t v) { return reinterpret_cast<void *>(v); }
 uintptr_t num(const void *p) { return reinterpret_cast<uintptr_t>(p); }
 size_t identity(const void *key, size_t) { return num(key); }
 int sameNumber(const void *a, const void *b) { return num(a) == num(b) ? 0 : 1; }
 
-// "key=value" of every node in walk order.
+// "key=value " of every node in walk order, once every bucket's ring is checked whole:
+// forward and backward walks meet the same nodes, each of them in its own bucket.
 std::string walked(const HashTable *t) {
-  std::string out;
-  hwalk(t, [](const void *k, void *v, void *arg) {
-    *static_cast<std::string *>(arg) += std::to_string(num(k)) + "=" + std::to_string(num(v)) + " ";
-  }, &out);
-  return out;
-}
-
-// Every bucket's ring is whole: forward and backward walks meet the same nodes.
-void expectRingsWhole(const HashTable *t) {
   for (size_t i = 0; i < t->buckets; i++) {
     HashNode *head = hashBucket(t, i);
     std::vector<HashNode *> fwd, back;
@@ -38,17 +40,22 @@ void expectRingsWhole(const HashTable *t) {
     EXPECT_EQ(fwd, back) << "bucket " << i;
     for (HashNode *n : fwd) EXPECT_EQ(hashBucketOf(t, n->key), i);
   }
+  std::string out;
+  hwalk(t, [](const void *k, void *v, void *arg) {
+    *static_cast<std::string *>(arg) += std::to_string(num(k)) + "=" + std::to_string(num(v)) + " ";
+  }, &out);
+  return out;
 }
 }  // namespace
 
 TEST(HashTable, BucketIsTheHashBelowTheCountElseItsRemainder) {
   HashTable *t = hinit(7, V(99), identity, sameNumber);
-  struct { uintptr_t key; size_t bucket; } rows[] = {{0, 0}, {3, 3}, {6, 6}, {7, 0}, {10, 3}, {700, 0}, {SIZE_MAX, SIZE_MAX % 7}};
+  struct { uintptr_t key; size_t bucket; } rows[] = {
+      {0, 0}, {3, 3}, {6, 6}, {7, 0}, {10, 3}, {700, 0}, {SIZE_MAX, SIZE_MAX % 7}};
   for (auto &r : rows) {
     EXPECT_EQ(hashBucketOf(t, K(r.key)), r.bucket) << r.key;
     hadd(t, K(r.key), V(r.key + 1));
   }
-  expectRingsWhole(t);
   // Walk order: bucket by bucket, newest first inside a bucket.
   EXPECT_EQ(walked(t), "700=701 7=8 0=1 " + std::to_string(SIZE_MAX) + "=0 10=11 3=4 6=7 ");
   hdestroy(t, nullptr, nullptr);
@@ -56,8 +63,17 @@ TEST(HashTable, BucketIsTheHashBelowTheCountElseItsRemainder) {
   t = hinit(0, nullptr, identity, sameNumber);
   EXPECT_EQ(t->buckets, 1u);
   hadd(t, K(5), V(6));
-  EXPECT_EQ(hashBucketOf(t, K(5)), 0u);
   EXPECT_EQ(hlookup(t, K(5)), V(6));
+  hdestroy(t, nullptr, nullptr);
+  // Text keys: an equal text at another address finds the newest node.
+  t = hinit(16, nullptr, hashText, compareText);
+  std::string names[] = {"ann", "bob", "carl", "dora", "ann"}, probe = "ann";
+  for (int i = 0; i < 5; i++) hadd(t, names[i].c_str(), V(uintptr_t(i + 1)));
+  EXPECT_EQ(hlookup(t, probe.c_str()), V(5));
+  EXPECT_EQ(hlookup(t, "dora"), V(4));
+  EXPECT_EQ(hlookup(t, "eve"), nullptr);
+  EXPECT_LT(hashText("zzzzzzzzzzzzzzzzzzzzzzzz", 16), 16u);
+  walked(t);  // for its ring checks
   hdestroy(t, nullptr, nullptr);
 }
 
@@ -78,13 +94,10 @@ TEST(HashTable, RepeatedKeysLookupSetAndRemoveTheNewestFirst) {
   EXPECT_EQ(hlookup(t, K(9)), nullptr);
   EXPECT_EQ(hremove(t, K(1)), 0);
   EXPECT_EQ(hlookup(t, K(1)), V(10));  // the older node shows again
-  expectRingsWhole(t);
   EXPECT_EQ(hremove(t, K(1)), 0);
   EXPECT_EQ(hremove(t, K(1)), -1);
   EXPECT_FALSE(hpresent(t, K(1)));
-  EXPECT_EQ(hlookup(t, K(5)), V(50));
   EXPECT_EQ(walked(t), "9=0 5=50 2=20 ");  // 9 joined 5 at its bucket head
-  expectRingsWhole(t);
   // Destroy visits each remaining node once before freeing it.
   std::string seen;
   hdestroy(t, [](const void *k, void *, void *arg) {
@@ -94,15 +107,21 @@ TEST(HashTable, RepeatedKeysLookupSetAndRemoveTheNewestFirst) {
   hdestroy(nullptr, nullptr, nullptr);
 }
 
-TEST(HashTable, TextKeysCompareByContents) {
-  HashTable *t = hinit(16, nullptr, hashText, compareText);
-  std::string names[] = {"ann", "bob", "carl", "dora", "ann"};
-  for (int i = 0; i < 5; i++) hadd(t, names[i].c_str(), V(uintptr_t(i + 1)));
-  std::string probe = "ann";  // an equal text at another address finds the node
-  EXPECT_EQ(hlookup(t, probe.c_str()), V(5));
-  EXPECT_EQ(hlookup(t, "dora"), V(4));
-  EXPECT_EQ(hlookup(t, "eve"), nullptr);
-  EXPECT_LT(hashText("zzzzzzzzzzzzzzzzzzzzzzzz", 16), 16u);
-  expectRingsWhole(t);
+TEST(HashTableDeath, OutOfMemoryNamesHinitOrHadd) {
+  const char *inHinit = "^OutOfMem: called from hinit\\(\\)\n$";
+  const char *inHadd = "^OutOfMem: called from hadd\\(\\)\n$";
+  EXPECT_EXIT({ failAlloc = true; hinit(8, nullptr, identity, sameNumber); },
+              ::testing::ExitedWithCode(1), inHinit);
+  // A bucket count whose block size would wrap around is out of memory too.
+  EXPECT_EXIT(hinit(SIZE_MAX / 2, nullptr, identity, sameNumber), ::testing::ExitedWithCode(1),
+              inHinit);
+  HashTable *t = hinit(8, nullptr, identity, sameNumber);
+  EXPECT_EXIT({ failAlloc = true; hadd(t, K(1), nullptr); }, ::testing::ExitedWithCode(1),
+              inHadd);
+  // Setting an absent key inserts, and so reports as hadd.
+  EXPECT_EXIT({ failAlloc = true; hset(t, K(1), nullptr); }, ::testing::ExitedWithCode(1),
+              inHadd);
+  hset(t, K(1), V(2));  // in this process the allocation works
+  EXPECT_EQ(hlookup(t, K(1)), V(2));
   hdestroy(t, nullptr, nullptr);
 }
