@@ -21,19 +21,15 @@ void writeFile(const std::string &path, const std::string &text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
-// One run: the arguments (after --root unless noRoot), what it must end with: status,
-// the whole standard output, and standard error up to any usage text that follows.
+// One run: the arguments (after --root unless noRoot) and what it must end with (or
+// ended with): status, the whole standard output, and standard error up to any usage
+// text that follows.
 struct Call {
   std::vector<std::string> args;
   int status = 0;
   std::string out = "", err = "";
   std::vector<std::string> env = {};
   bool noRoot = false;
-};
-
-struct Result {
-  int status;
-  std::string out, err;
 };
 
 struct Admin : ::testing::Test {
@@ -52,17 +48,17 @@ struct Admin : ::testing::Test {
 
   // Runs the program in a small fixed environment -- TZ=UTC, LANG=C, HOME inside the
   // temporary directory -- with r.env added: its status, output and error output.
-  Result run(const Call &r) {
+  Call run(const Call &r) {
     std::string cmd = "env -i TZ=UTC LANG=C HOME='" + dir + "' PATH=/usr/bin:/bin";
     for (const std::string &e : r.env) cmd += " '" + e + "'";
     cmd += " '" QUORVEL_ADMIN_PATH "'" + (r.noRoot ? "" : " --root '" + root + "'");
     for (const std::string &a : r.args) cmd += " '" + a + "'";
     int st = std::system((cmd + " >'" + dir + "/stdout' 2>'" + dir + "/stderr'").c_str());
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, readFile(dir + "/stdout"),
+    return {r.args, WIFEXITED(st) ? WEXITSTATUS(st) : -1, readFile(dir + "/stdout"),
             readFile(dir + "/stderr")};
   }
   void expectRun(const Call &r) {
-    Result got = run(r);
+    Call got = run(r);
     std::string what = r.args.empty() ? "" : r.args[0] + " " + r.args.back();
     EXPECT_EQ(got.status, r.status) << what << "\n" << got.err;
     EXPECT_EQ(got.out, r.out) << what;
@@ -70,15 +66,13 @@ struct Admin : ::testing::Test {
   }
 };
 
-/* ==== The command line, message and users ================================================== */
-
 TEST_F(Admin, EveryCommandHasHelpAndBadCommandLinesAreUsageErrors) {
-  Result top = run({{"--help"}, 0});
+  Call top = run({{"--help"}, 0});
   EXPECT_EQ(top.status, 0);
   for (std::string cmd : {"list", "print", "perms", "check-domains", "check-holidays", "message",
                           "users", "verify"}) {
     EXPECT_NE(top.out.find("  " + cmd + " "), std::string::npos) << cmd;
-    Result help = run({{cmd, "--help"}, 0});
+    Call help = run({{cmd, "--help"}, 0});
     EXPECT_EQ(help.status, 0) << cmd;
     EXPECT_TRUE(help.out.starts_with("usage: quorvel-admin " + cmd)) << help.out;
     EXPECT_EQ(help.err, "") << cmd;
@@ -122,8 +116,6 @@ TEST_F(Admin, EveryCommandHasHelpAndBadCommandLinesAreUsageErrors) {
   expectRun({{"users"}, 1, "", "no users file (" + at("db/users") + ") to access\n"
                                "users: cannot read the users file " + at("db/users") + "\n"});
 }
-
-/* ==== list and print ======================================================================= */
 
 TEST_F(Admin, ListShowsTheAskedPeriodAsTheViewerMayReadIt) {
   const std::string mar2 = "\n\t\t#For March 2, 2026\n\n";
@@ -175,8 +167,6 @@ TEST_F(Admin, PrintHandsTheListingToTheFormatterAndReportsItsFailure) {
   expectRun({{"print", "ann"}, 1, "", "print: no formatter at " + at("linux/bin/pcal") + "\n"});
 }
 
-/* ==== perms ================================================================================= */
-
 TEST_F(Admin, PermsSetsOneRightAtATimeAndNeverDropsWhatItCannotKeepUnlessForced) {
   expectRun({{"perms", "show"}, 0,
              "For ann\nReaders are carol\nWriters are \nAgents are \nSchedulers are \n"
@@ -218,8 +208,6 @@ TEST_F(Admin, PermsSetsOneRightAtATimeAndNeverDropsWhatItCannotKeepUnlessForced)
              "putDats: dat.perm not writeable\n" + notChanged});
   EXPECT_EQ(readFile(perm), "\n#O\tann\n#R\tcarol\n#C\tbob\n");
 }
-
-/* ==== check-domains and check-holidays ======================================================= */
 
 // The lines of a report on file: each is the file's name and then the given text.
 std::string report(const std::string &file, std::vector<std::string> lines) {
@@ -280,8 +268,6 @@ TEST_F(Admin, ChecksReportEveryProblemWithItsLine) {
                                            {": 2 holidays, no problems"}), ""});
 }
 
-/* ==== verify ================================================================================== */
-
 TEST_F(Admin, VerifyReportsWhatTheCalendarWouldNotKeepAndRewritesOnlyWhatItReadWhole) {
   const std::string ann = at("db/database/events/ann"), good = readFile(ann), file = dir + "/cal";
   expectRun({{"verify", "ann"}, 0, report(ann, {": 5 items, 0 problem(s)"}), ""});
@@ -303,7 +289,7 @@ TEST_F(Admin, VerifyReportsWhatTheCalendarWouldNotKeepAndRewritesOnlyWhatItReadW
   const std::string messy = "\n#O\tann\n#T\tOne\n#B\t0x69a55190\n#F\t0x69a55fa0\n#W\tann,\\\n"
                             "\tbob\n#I\t1\n\n#T\tTwo\n#W\tann\n#G\tlost\n#I\t2\n\n";
   writeFile(file, messy);
-  Result refused = run({{"verify", file, "--rewrite"}, 1});
+  Call refused = run({{"verify", file, "--rewrite"}, 1});
   EXPECT_EQ(refused.status, 1);
   EXPECT_NE(refused.err.find("not rewritten: it would lose the lines above"), std::string::npos);
   EXPECT_EQ(readFile(file), messy);

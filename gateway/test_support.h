@@ -148,7 +148,7 @@ struct WebServer {
   }
   // A headless chromium shot of target into artefacts/NAME.png, which must be a PNG;
   // false without chromium.
-  bool screenshot(const std::string &target, const std::string &name, const std::string &profile,
+  bool screenshot(const std::string &target, const std::string &name,
                   const char *size = "800,600") const {
     if (!installed("chromium")) return false;
     std::string shot = QV_ARTEFACTS "/" + name + ".png";
@@ -157,7 +157,7 @@ struct WebServer {
     int status = -1;
     commandOutput("timeout 60 chromium --headless --no-sandbox --disable-gpu --disable-quic "
                   "--no-first-run --disable-background-networking --disable-component-update "
-                  "--disable-sync --user-data-dir='" + profile + "' --window-size=" + size +
+                  "--disable-sync --user-data-dir='" + root + "-chromium-" + name + "' --window-size=" + size +
                   " --screenshot='" + shot + "' '" + url(target) + "' 2>/dev/null", &status);
     EXPECT_EQ(status, 0) << name;
     EXPECT_TRUE(readFile(shot).starts_with("\x89PNG")) << shot;

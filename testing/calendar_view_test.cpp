@@ -13,8 +13,6 @@
 namespace quorvel::webagent {
 namespace {
 
-/* ---- Queries ------------------------------------------------------------------------ */
-
 TEST(CalendarQuery, ReadsKeysDatesAndDefaultsAndRefusesBadQueriesWithASentence) {
   // A query read shows as "period user as viewer date" (today is 2026-11-20); a refused
   // one by a part of its sentence.
@@ -75,8 +73,6 @@ TEST(CalendarQuery, PercentCodingAndEscaping) {
   EXPECT_EQ(fileNamePart(std::string(60, 'a')).size(), 40u);
 }
 
-/* ---- The listing text ------------------------------------------------------------------ */
-
 TEST(CalendarListing, CutsEverySectionFormIntoDaysAndItems) {
   const std::string text =
       "\n\t\t#For November 2026\n\n"
@@ -112,8 +108,6 @@ TEST(CalendarListing, CutsEverySectionFormIntoDaysAndItems) {
   EXPECT_EQ(parseListing("").days.size(), 0u);
   EXPECT_EQ(parseListing("\t\t#For May 1, 2026\n\n").days.size(), 0u);
 }
-
-/* ---- Whole replies from a database on disk ---------------------------------------------- */
 
 // Seconds of 2026-11-<day> hh:mm UTC.
 int32_t nov(int day, int hour, int minute) {

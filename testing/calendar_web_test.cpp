@@ -55,8 +55,7 @@ TEST_F(CalendarUnderLighttpd, ServesViewsWithHolidaysPrivateItemsAndClearErrorPa
   size_t shots = 0;
   for (std::string viewer : {"ann", "bob"})
     shots += site.screenshot(view("view=month&user=ann&date=2026-11&as=" + viewer),
-                             "calendar-month-as-" + viewer, tree.root + "/chromium-" + viewer,
-                             "1100,900");
+                             "calendar-month-as-" + viewer, "1100,900");
   if (shots > 0) {
     EXPECT_EQ(site.failedRequests(), "");
     EXPECT_TRUE(has(readFile(site.root + "/log/access.log"), "GET /tmp/overview-ann-2026-11.svg"));
