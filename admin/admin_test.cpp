@@ -280,7 +280,8 @@ TEST_F(Admin, VerifyReportsWhatTheCalendarWouldNotKeepAndRewritesOnlyWhatItReadW
                            ":13: the calendar does not keep #G lines",
                            ":14: unknown tag \"x\": the calendar does not keep it",
                            ":15: not a record line (no \"#\"): the calendar skips it",
-                           ":16: bad number \"12z\" after #I", ":17: bad alarm \"5\" (want two numbers)",
+                           ":16: bad number \"12z\" after #I",
+                           ":17: bad alarm \"5\" (want two numbers)",
                            ":10: item \"Bad\" names no calendar (#W): the calendar drops it",
                            ":19: item without a kind line (#T, #D, #M or #?)",
                            ": 3 items, 9 problem(s)"}), ""});
