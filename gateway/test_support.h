@@ -158,7 +158,8 @@ struct WebServer {
     commandOutput("timeout 60 chromium --headless --no-sandbox --disable-gpu --disable-quic "
                   "--no-first-run --disable-background-networking --disable-component-update "
                   "--disable-sync --user-data-dir='" + root + "-chromium-" + name +
-                  "' --window-size=" + size + " --screenshot='" + shot + "' '" + url(target) + "' 2>/dev/null", &status);
+                  "' --window-size=" + size + " --screenshot='" + shot + "' '" + url(target) +
+                  "' 2>/dev/null", &status);
     EXPECT_EQ(status, 0) << name;
     EXPECT_TRUE(readFile(shot).starts_with("\x89PNG")) << shot;
     return true;
