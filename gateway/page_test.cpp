@@ -10,7 +10,7 @@ struct PageTest : ::testing::Test {
   void TearDown() override { resetGateway(); }
 };
 
-TEST_F(PageTest, ChoosesTheGermanTextOnlyForExactlyDe) {
+TEST_F(PageTest, ChoosesTheGermanTextOnlyForExactlyDeAndPrintsTheErrorPage) {
   for (const char *lang : {"de", "DE", "De_DE", ""}) {
     setPageValues(nullptr, nullptr, lang);
     EXPECT_STREQ(localMsg(2, "english"), "english") << lang;
@@ -25,8 +25,7 @@ TEST_F(PageTest, ChoosesTheGermanTextOnlyForExactlyDe) {
       "%s konnte nicht ge\xF6" "ffnet werden",
   };
   for (int i = 0; i < 9; i++) EXPECT_STREQ(localMsg(i, "english"), german[i]) << i;
-}
-TEST_F(PageTest, PrintsTheErrorPageWithTheButtonOnlyWhenLoginAndIconsAreSet) {
+  // The error page: the button only when login and icons are both set.
   setPageValues("http://back/login", nullptr, nullptr);  // "log" alone: no button
   EXPECT_EQ(outputOf([] { errorPage(localMsg(4, "Read failed on host %s"), "<a&b>"); }),
             errorPageText(ENGLISH_HEADING, "Read failed on host <a&b>"));
@@ -34,9 +33,9 @@ TEST_F(PageTest, PrintsTheErrorPageWithTheButtonOnlyWhenLoginAndIconsAreSet) {
   std::string query(200000, 'q');  // no fixed area limits the message
   EXPECT_EQ(outputOf([&] { errorPage("Cannot find host name in query %s", query.c_str()); }),
             errorPageText(GERMAN_HEADING, "Cannot find host name in query " + query, "/bilder"));
-}
-TEST_F(PageTest, InvalidArgumentPrintsMessageSixAndExitsZero) {
+  // An invalid argument: message six, and the process ends with status 0.
   std::string path = tree.htdocs("page.out");
+  resetGateway();
   setPageValues(nullptr, nullptr, "De");
   EXPECT_EXIT((dup2(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1), invalidArgument()),
               ::testing::ExitedWithCode(0), "");

@@ -1,11 +1,14 @@
 // test_support.h -- helpers shared by the gateway's tests: pause hook, CGI tree, output
-// capture, files, a free loopback port, a scripted sample agent, the error page.
+// capture, files, a free loopback port, a scripted sample agent, the error page, and a
+// real web server with chromium screenshots.
 #pragma once
 
 #include "core/base/base.h"
 #include "testing/agent.h"
 #include <arpa/inet.h>
 #include <fstream>
+#include <regex>
+#include <sstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -97,4 +100,70 @@ inline std::string errorPageText(const std::string &heading, const std::string &
 }
 inline const char ENGLISH_HEADING[] = "An error occurred processing your request:";
 inline const char GERMAN_HEADING[] = "Fehler bei der Verarbeitung Ihrer Anforderung:";
+
+#if defined(QV_WEBQUORVEL) && defined(QV_ARTEFACTS)
+inline bool installed(const std::string &program) {
+  return std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
+}
+// A real web server (scripts/webserver.sh KIND) serving webquorvel from root on a free
+// loopback port; stopped when the object goes.
+struct WebServer {
+  std::string root;
+  int port = -1;
+  bool started = false;
+  // Tries a few free ports; the script's output goes to log.
+  bool start(const std::string &kind, const std::string &siteRoot, const std::string &log) {
+    root = siteRoot;
+    for (int attempt = 0; attempt < 5 && !started; attempt++) {
+      port = freeLoopbackPort();
+      started = std::system(("bash '" QV_SOURCE_DIR "/scripts/webserver.sh' start " + kind +
+                             " '" + root + "' '" QV_WEBQUORVEL "' " + std::to_string(port) +
+                             " >>'" + log + "' 2>&1").c_str()) == 0;
+    }
+    return started;
+  }
+  ~WebServer() {
+    if (started)
+      (void)std::system(("bash '" QV_SOURCE_DIR "/scripts/webserver.sh' stop '" + root + "'")
+                            .c_str());
+  }
+  std::string url(const std::string &target) const {
+    return "http://127.0.0.1:" + std::to_string(port) + target;
+  }
+  // The body, a line end, then the status code of one GET.
+  std::string get(const std::string &target) const {
+    return commandOutput("curl -s --max-time 20 -w '\\n%{http_code}' '" + url(target) + "'");
+  }
+  // The access log's lines with a status of 400 or more (but for the /favicon.ico the
+  // browser asks for on its own), after a pause: servers log behind the response.
+  std::string failedRequests() const {
+    usleep(200000);
+    std::string failed, line;
+    std::istringstream log(readFile(root + "/log/access.log"));
+    while (std::getline(log, line))
+      if (std::regex_search(line, std::regex("\" [45][0-9][0-9] ")) &&
+          line.find("/favicon.ico") == std::string::npos)
+        failed += line + "\n";
+    return failed;
+  }
+  // A headless chromium shot of target into artefacts/NAME.png, which must be a PNG;
+  // false without chromium.
+  bool screenshot(const std::string &target, const std::string &name,
+                  const char *size = "800,600") const {
+    if (!installed("chromium")) return false;
+    std::string shot = QV_ARTEFACTS "/" + name + ".png";
+    (void)std::system("mkdir -p '" QV_ARTEFACTS "'");
+    unlink(shot.c_str());
+    int status = -1;
+    commandOutput("timeout 60 chromium --headless --no-sandbox --disable-gpu --disable-quic "
+                  "--no-first-run --disable-background-networking --disable-component-update "
+                  "--disable-sync --user-data-dir='" + root + "-chromium-" + name +
+                  "' --window-size=" + size + " --screenshot='" + shot + "' '" + url(target) +
+                  "' 2>/dev/null", &status);
+    EXPECT_EQ(status, 0) << name;
+    EXPECT_TRUE(readFile(shot).starts_with("\x89PNG")) << shot;
+    return true;
+  }
+};
+#endif
 }  // namespace quorvel::gateway
