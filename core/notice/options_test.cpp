@@ -59,7 +59,7 @@ TEST(OptionReader, LinesSetKnownKeysAndKeepTheValueUpToAnUnescapedHash) {
   EXPECT_EQ(strlen(wide.rows[0].value), size_t(OPTION_LINE_MAX - 1 - 11));
 }
 
-TEST_F(NoticeTest, OptionFilesAreReadWhenNewerAndClientOptionsLoadThroughAScratchCopy) {
+TEST_F(NoticeTest, OptionFilesAreReadWhenNewerClientOptionsFromAScratchCopyOrTheServer) {
   Table t;
   int32_t last = NO_TIME;
   int changed = -1;
@@ -88,9 +88,8 @@ TEST_F(NoticeTest, OptionFilesAreReadWhenNewerAndClientOptionsLoadThroughAScratc
   writeFile("db/database/client.opts", "checkTime: 12\n");  // leaves the others alone
   EXPECT_EQ(loadClientOptions(), 1);
   EXPECT_EQ(clientOptionNumber("checkTime") * 10 + clientOptionFlag("requirePassword"), 121);
-}
 
-TEST_F(NoticeTest, AServerAttachedMainContextFetchesTheOptionsFromTheServer) {
+  // A main context attached to a server fetches them from the server.
   CalServer server;
   ASSERT_EQ(startCalServer(&server), 0);
   setLinkMessageHook([](const char *) {});
