@@ -55,6 +55,13 @@ inline std::vector<std::string> filesIn(const std::string &dir, const std::strin
   }
   return names;
 }
+// The scratch files /tmp/<prefix>... that hold text.
+inline std::vector<std::string> scratchesHolding(const std::string &prefix, const std::string &text) {
+  std::vector<std::string> paths;
+  for (const std::string &n : filesIn("/tmp", prefix))
+    if (has(readFile("/tmp/" + n), text)) paths.push_back("/tmp/" + n);
+  return paths;
+}
 
 struct Sent {
   int rc;                // the delivery's result
@@ -102,8 +109,8 @@ class NoticeTest : public ::testing::Test {
     testing::internal::CaptureStderr();
     int rc = fn();
     Sent s{rc, testing::internal::GetCapturedStderr(), "", 0};
-    if (s.err.rfind("(cat /tmp/T", 0) == 0) {
-      std::string name = scratchOf(s.err);
+    if (size_t at = s.err.find("(cat /tmp/T"); at != s.err.npos) {  // after any warnings
+      std::string name = scratchOf(s.err.substr(at));
       struct stat st {};
       s.msg = readFile(name), stat(name.c_str(), &st), s.mode = st.st_mode & 07777;
       unlink(name.c_str());
