@@ -283,20 +283,6 @@ TEST_F(ListingTest, RecordFileIsTheSourceAndTheOwnCalendarTheFallback) {
   EXPECT_EQ(listing(bob, Y, MAR, D2, 0, LIST_DAY, LIST_EVENTS), MAR2);
 }
 
-TEST_F(ListingTest, ListCalendarWritesFromTheClientDateToStandardOutput) {
-  add(KIND_EVENT, "Standup", utc(3, 2, 9, 30), utc(3, 2, 10, 0));
-  setClientDate(Y, MAR, D2);
-  ::testing::internal::CaptureStdout();
-  ListCalendar(ann, LIST_DAY | LIST_EVENTS, 0);
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-            MAR2 + "03/02 (Monday):\t09:30am-10:00am\tStandup\n");
-  resetListing();
-  setClockHook([] { return time_t(utc(3, 2, 18, 0)); });
-  int y, m, d;
-  clientDate(&y, &m, &d);
-  EXPECT_TRUE(y == Y && m == MAR && d == D2) << "today until a client sets the date";
-}
-
 TEST_F(ListingTest, PrintHandsTheFormatterItsOptionsAndThePeriodsListing) {
   add(KIND_EVENT, "Standup", utc(3, 2, 9, 30), utc(3, 2, 10, 0));
   add(KIND_REMINDER, "Buy milk", utc(3, 4, 7, 0));
@@ -333,7 +319,7 @@ TEST_F(ListingTest, PrintHandsTheFormatterItsOptionsAndThePeriodsListing) {
                              "-Xy 0.50 -Xs 7 -Xc 1 -Xr 1");
 }
 
-TEST_F(ListingTest, PrintFailuresCountsAndNamesAsTheyAre) {
+TEST_F(ListingTest, PrintFailuresCountsNamesAndTheListCalendarRoads) {
   const std::string failed = "Unable to output the postscript file at this time.\n";
   setenv("QV_PCAL_EXIT", "3", 1);
   EXPECT_EQ(print(LIST_DAY, LIST_EVENTS), failed);
@@ -354,12 +340,25 @@ TEST_F(ListingTest, PrintFailuresCountsAndNamesAsTheyAre) {
   print(LIST_DAY, LIST_EVENTS, 1, odd);
   ASSERT_TRUE(ran());
   EXPECT_TRUE(has(joined, "|DATA|-N|a \"b\" $HOME `x` \\|-Xi|")) << joined;
-  // Printing through ListCalendar: one period for a count below 1.
+  // ListCalendar lists from the client date to standard output, or prints one period for
+  // a count below 1; the client date is today until a client sets it.
+  add(KIND_EVENT, "Standup", utc(3, 2, 9, 30), utc(3, 2, 10, 0));
+  setClientDate(Y, MAR, D2);
+  ::testing::internal::CaptureStdout();
+  ListCalendar(ann, LIST_DAY | LIST_EVENTS, 0);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            MAR2 + "03/02 (Monday):\t09:30am-10:00am\tStandup\n");
+  EXPECT_FALSE(ran());
   setClientDate(Y, 11, 30);
   ListCalendar(ann, LIST_PRINT | LIST_WEEK | LIST_EVENTS, -3);
   ASSERT_TRUE(ran());
   EXPECT_EQ(joined.substr(0, 15), "-Xw|31|12|2026|");
   EXPECT_EQ(std::count(data.begin(), data.end(), '#'), 1);
+  resetListing();
+  setClockHook([] { return time_t(utc(3, 2, 18, 0)); });
+  int y, m, d;
+  clientDate(&y, &m, &d);
+  EXPECT_TRUE(y == Y && m == MAR && d == D2);
   // A missing formatter is a failure of the shell.
   std::filesystem::remove(dir.at("root/linux/bin/pcal"));
   EXPECT_TRUE(has(print(LIST_DAY, LIST_EVENTS), failed));
