@@ -31,7 +31,6 @@ TEST_F(NoticeTest, TheMailerRunsAsTheRealUserUnlessTheDatabaseIsReachedThroughAS
     if (server) freeServerLink(main->server), main->server = nullptr;
   }
   freebits(&to);
-  for (const std::string &n : filesIn("/tmp", "T"))  // nothing ran to remove the messages
-    if (has(n, ".qvl") && has(readFile("/tmp/" + n), "1970:\n\n\tx\n"))
-      unlink(("/tmp/" + n).c_str());
+  for (const std::string &path : scratchesHolding("T", "1970:\n\n\tx\n"))
+    unlink(path.c_str());  // nothing ran to remove the messages
 }

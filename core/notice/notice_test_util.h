@@ -19,6 +19,7 @@
 
 #include <ctime>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -54,11 +55,18 @@ inline std::vector<std::string> filesIn(const std::string &dir, const std::strin
   }
   return names;
 }
+// The scratch files /tmp/<prefix>... that hold text.
+inline std::vector<std::string> scratchesHolding(const std::string &prefix, const std::string &text) {
+  std::vector<std::string> paths;
+  for (const std::string &n : filesIn("/tmp", prefix))
+    if (has(readFile("/tmp/" + n), text)) paths.push_back("/tmp/" + n);
+  return paths;
+}
 
 struct Sent {
-  int rc;                // deliverMail's result
+  int rc;                // the delivery's result
   std::string err, msg;  // standard error (the traced command, warnings); the scratch
-  int mode;              // message of a traced command (read, then removed) and its mode
+  int mode;              // message of a traced command and its mode
 };
 
 class NoticeTest : public ::testing::Test {
@@ -91,24 +99,29 @@ class NoticeTest : public ::testing::Test {
   static MailSettings mailer(const std::string &command, bool trace = true) {
     return MailSettings{command, "", "", trace};
   }
-  static CalSet setOf(std::initializer_list<int> members) {
+  static CalSet setOf(const std::vector<int> &members) {
     CalSet set = nullptr;
     for (int i : members) setbit(&set, i, 1);
     return set;
   }
-  Sent send(std::initializer_list<int> to, int op, const char *sender = "anna", int index = 0,
-            int32_t start = juneFifth(12, 5), const char *description = "Lunch at noon") {
-    CalSet set = setOf(to);
+  // fn's result and standard error; a traced command's scratch message is read, then removed.
+  static Sent traced(const std::function<int()> &fn) {
     testing::internal::CaptureStderr();
-    int rc = deliverMail(item, sender, index, set, op, description, start);
+    int rc = fn();
     Sent s{rc, testing::internal::GetCapturedStderr(), "", 0};
-    freebits(&set);
-    if (s.err.rfind("(cat /tmp/T", 0) == 0) {
-      std::string name = scratchOf(s.err);
+    if (size_t at = s.err.find("(cat /tmp/T"); at != s.err.npos) {  // after any warnings
+      std::string name = scratchOf(s.err.substr(at));
       struct stat st {};
       s.msg = readFile(name), stat(name.c_str(), &st), s.mode = st.st_mode & 07777;
       unlink(name.c_str());
     }
+    return s;
+  }
+  Sent send(const std::vector<int> &to, int op, const char *sender = "anna", int index = 0,
+            int32_t start = juneFifth(12, 5), const char *description = "Lunch at noon") {
+    CalSet set = setOf(to);
+    Sent s = traced([&] { return deliverMail(item, sender, index, set, op, description, start); });
+    freebits(&set);
     return s;
   }
 };

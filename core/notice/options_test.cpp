@@ -59,7 +59,7 @@ TEST(OptionReader, LinesSetKnownKeysAndKeepTheValueUpToAnUnescapedHash) {
   EXPECT_EQ(strlen(wide.rows[0].value), size_t(OPTION_LINE_MAX - 1 - 11));
 }
 
-TEST_F(NoticeTest, OptionFilesAreReadWhenNewerAndClientOptionsLoadThroughAScratchCopy) {
+TEST_F(NoticeTest, OptionFilesAreReadWhenNewerClientOptionsFromAScratchCopyOrTheServer) {
   Table t;
   int32_t last = NO_TIME;
   int changed = -1;
@@ -83,14 +83,12 @@ TEST_F(NoticeTest, OptionFilesAreReadWhenNewerAndClientOptionsLoadThroughAScratc
                 clientOptionFlag("limitRecurring") + clientOptionFlag("noSuchKey"),
             3010);  // only "true" is true
   EXPECT_TRUE(clientOptionsChanged() == 1 && clientOptionsTime() != NO_TIME);
-  for (const std::string &n : filesIn("/tmp", "qvopts"))  // the scratch copy is gone
-    EXPECT_FALSE(has(readFile("/tmp/" + n), "30 # minutes")) << n;
+  EXPECT_TRUE(scratchesHolding("qvopts", "30 # minutes").empty()) << "the scratch copy is gone";
   writeFile("db/database/client.opts", "checkTime: 12\n");  // leaves the others alone
   EXPECT_EQ(loadClientOptions(), 1);
   EXPECT_EQ(clientOptionNumber("checkTime") * 10 + clientOptionFlag("requirePassword"), 121);
-}
 
-TEST_F(NoticeTest, AServerAttachedMainContextFetchesTheOptionsFromTheServer) {
+  // A main context attached to a server fetches them from the server.
   CalServer server;
   ASSERT_EQ(startCalServer(&server), 0);
   setLinkMessageHook([](const char *) {});

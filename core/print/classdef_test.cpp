@@ -52,7 +52,7 @@ TEST(ParseClassdefs, ReadsLinesUpToTheFirstMalformedOne) {
   }
 }
 
-TEST(FormatClassdefs, WritesSetAttributesInFileOrderAndReadsBack) {
+TEST(FormatClassdefs, WritesSetAttributesInFileOrderReadsBackAndFillsDefaults) {
   ClassList list = ParseClassdefs("Work*purpose:\tjob\nWork*pointSize:\t10\nWork*density:\t100\n"
                                   "Work*family:\ttimes\nWork*color:\tRed\nHome*color:\tBlue\n");
   appendClassDef(&list, newClassDef("Empty"));
@@ -68,12 +68,11 @@ TEST(FormatClassdefs, WritesSetAttributesInFileOrderAndReadsBack) {
   EXPECT_EQ(FormatClassdefs(copy), text);
   EXPECT_EQ(list.count, 0);
   freeClassList(&copy), freeClassList(&again);
-}
-
-TEST(FillClassDefaults, FillsOnlyAbsentAttributes) {
-  ClassList list = ParseClassdefs("P*purpose:\tonly this\nQ*color:\tRed\nQ*density:\t100\nR*purpose:\t\n");
+  // Defaults fill only absent attributes.
+  list = ParseClassdefs("P*purpose:\tonly this\nQ*color:\tRed\nQ*density:\t100\nR*purpose:\t\n");
   FillClassDefaults(&list);
-  EXPECT_EQ(describe(list), "P:Black/helvetica/12/75/only this;Q:Red/helvetica/12/100/;R:Black/helvetica/12/75/;");
+  EXPECT_EQ(describe(list),
+            "P:Black/helvetica/12/75/only this;Q:Red/helvetica/12/100/;R:Black/helvetica/12/75/;");
   freeClassList(&list);
 }
 
@@ -103,8 +102,8 @@ struct ClassTree : ::testing::Test {
   TempDir dir;
   std::string savedHome = getenv("HOME") ? getenv("HOME") : "";
   void SetUp() override {
-    std::filesystem::create_directories(dir.at("root/db/database"));
-    std::filesystem::create_directories(dir.at("home/.quorvel"));
+    for (const char *sub : {"root/db/database", "home/.quorvel"})
+      std::filesystem::create_directories(dir.at(sub));
     setenv("QUORVELPATH", dir.at("root").c_str(), 1);
     setenv("HOME", dir.at("home").c_str(), 1);
     resetDbTestState();
@@ -119,10 +118,11 @@ struct ClassTree : ::testing::Test {
   void put(const char *rel, const std::string &text) { writeFile(dir.at(rel), text); }
 };
 
-TEST_F(ClassTree, LoadMergesSystemOverReferenceAndGathersChoices) {
+TEST_F(ClassTree, LoadMergesSystemOverReferenceGathersChoicesAndNeedsHomeForOwnLists) {
   put("root/db/database/refclassdef",
       "Work*color:\tRed\nWork*family:\tcourier\nHoliday*color:\tGreen\nHoliday*pointSize:\t9\n");
-  put("home/.quorvel/sysclassdef", "Holiday*color:\tOrange\nTravel*density:\t150\nTravel*color:\tRed\n");
+  put("home/.quorvel/sysclassdef",
+      "Holiday*color:\tOrange\nTravel*density:\t150\nTravel*color:\tRed\n");
   put("home/.quorvel/classdef", "Mine*color:\tPurple\nMine*family:\ttimes\nOther*color:\tWhite\n");
   LoadClassdefs();
   EXPECT_EQ(describe(userClasses()), "Mine:Purple/times/12/75/;Other:White/helvetica/12/75/;");
@@ -143,16 +143,14 @@ TEST_F(ClassTree, LoadMergesSystemOverReferenceAndGathersChoices) {
   EXPECT_EQ(userClasses().count, 0);
   EXPECT_EQ(systemClasses().count, 0);
   EXPECT_EQ(referenceClasses().count, 2);
-  EXPECT_EQ(joined(colorChoices()), "Black,White,") << "reference values join only through the system list";
-}
-
-TEST_F(ClassTree, WithoutHomeOnlyTheReferenceListAndBuiltins) {
-  put("root/db/database/refclassdef", "Work*color:\tRed\n");
+  EXPECT_EQ(joined(colorChoices()), "Black,White,")
+      << "reference values join only through the system list";
+  // Without HOME only the reference list and the built-in choices.
   put("home/.quorvel/classdef", "Mine*color:\tPurple\n");
   unsetenv("HOME");
   LoadClassdefs();
   EXPECT_EQ(userClasses().count, 0);
-  EXPECT_EQ(describe(referenceClasses()), "Work:Red/-/-/-/-;");
+  EXPECT_EQ(referenceClasses().count, 2);
   EXPECT_EQ(joined(colorChoices()), "Black,White,");
   std::filesystem::remove(dir.at("root/db/database/refclassdef"));
   LoadClassdefs();
