@@ -81,6 +81,12 @@ TEST_F(NoticeTest, LongAddressListsAreCutAtTheFirstSeparator1899CharactersOn) {
     addCalendarName(nullptr, "short", "", "b", "");
     EXPECT_EQ(toLines(send({0, 1}, 1).msg).size(), first == 1898 ? 1u : 2u);
   }
+  // The cut looks from 1899 on: the blank at 1898 is passed over, the one at 1900 taken.
+  fresh();
+  addCalendarName(nullptr, "long", "", std::string(1898, 'a').c_str(), "");
+  addCalendarName(nullptr, "b", "", "b", ""), addCalendarName(nullptr, "c", "", "c", "");
+  EXPECT_EQ(toLines(send({0, 1, 2}, 1).msg),
+            (std::vector<std::string>{std::string(1898, 'a') + " b", "c"}));
   fresh();  // 130 addresses of 17 characters: 2339 characters, blanks at 18k + 17
   std::string joined;
   std::vector<int> all;
